@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Sets up a Debian 12 machine (as root), builds kvard and runs the whole suite
+# three times: on the host, under AddressSanitizer and UndefinedBehaviorSanitizer,
+# and cross-built for 32-bit ARM under qemu-user (unit tests).
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+out=${KVARD_BUILD_DIR:-$top/build}
+jobs=$(nproc)
+bash "$top/tools/install-deps.sh"
+
+tier() {  # name, cmake options...
+  local name=$1; shift
+  echo "=== $name"
+  cmake -S "$top" -B "$out/$name" -G Ninja "$@" >/dev/null
+  cmake --build "$out/$name" -j"$jobs"
+  (cd "$out/$name" && ctest --output-on-failure -j"$jobs" --timeout 600)
+}
+
+tier host
+tier sanitize -DKVARD_SANITIZE=ON
+tier armhf -DCMAKE_TOOLCHAIN_FILE="$top/cmake/armhf-linux-gnueabihf.cmake" -DKVARD_UNIT_ONLY=ON
+echo "all tiers passed"
