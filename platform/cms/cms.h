@@ -134,6 +134,10 @@ typedef struct {
     uint8_t isUpstream;    // 1 for the WAN-side port
 } InterfaceObject;
 
+// The platform's libraries are C libraries: C linkage, so that the names are
+// the platform's in the object files too (tests wrap them at link time).
+extern "C" {
+
 // ---- Logging. Lines go to stderr as "<name>: <level>: <function>:<line>: <message>".
 void cmsLog_initWithName(uint32_t eid, const char *name);
 void cmsLog_setLevel(int32_t level);
@@ -168,5 +172,7 @@ int32_t cmsUtl_strcmp(const char *s1, const char *s2);      // null compares as 
 void cmsUtl_strcpy(char *dest, const char *src);
 void cmsUtl_strncpy(char *dest, const char *src, int32_t dlen);  // always NUL-terminated
 int32_t cmsUtl_strlen(const char *src);
+
+}  // extern "C"
 
 #endif
