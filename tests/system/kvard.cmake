@@ -1,0 +1,10 @@
+# The production daemon in the sandbox.
+kvard_system_test(kvard_startup_test SOURCES kvard_startup_test.cpp LIBS kvard_harness
+                  ENV "KVARD_FAIL_SOCKET_LIB=$<TARGET_FILE:fail_socket>")
+kvard_system_test(kvard_protocol_test SOURCES kvard_protocol_test.cpp LIBS kvard_harness)
+
+# Preloaded into the daemon by the start-up test to make socket() fail.
+add_library(fail_socket SHARED fail_socket.c)
+target_compile_options(fail_socket PRIVATE -fno-sanitize=all)
+target_link_options(fail_socket PRIVATE -fno-sanitize=all)
+add_dependencies(kvard_startup_test fail_socket)

@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Runs kvard in the sandbox ("router in a box") on a fresh Debian 12 machine,
+# as root: installs what it needs, builds and installs kvard into build/demo,
+# starts the daemon with a seeded router data model and shows it at work.
+# The instance keeps running afterwards; its state directory and the commands
+# to talk to it or stop it are printed at the end.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+out=${KVARD_BUILD_DIR:-$top/build}
+bash "$top/tools/install-deps.sh"
+cmake -S "$top" -B "$out/demo" -G Ninja -DKVARD_BENCH=OFF >/dev/null
+cmake --build "$out/demo" -j"$(nproc)" --target kvard kvard-sandbox sandbox-helper tmctl mtdsim >/dev/null
+prefix=$out/demo/stage
+cmake --install "$out/demo" --prefix "$prefix" >/dev/null
+box=$prefix/bin/kvard-sandbox
+state=${KVARD_DEMO_DIR:-$out/demo/instance}
+
+say() { printf '\n== %s\n' "$*"; }
+if [ -d "$state" ]; then "$box" stop "$state" >/dev/null 2>&1 || true; rm -rf "$state"; fi
+
+say "A router in a box: clock synchronised at 2026-03-28 23:58:00 Europe/Berlin, DHCP WAN on eth0"
+"$box" init "$state" --time "2026-03-28 23:58:00" --tz Europe/Berlin --seed router
+"$box" netdev "$state" eth0.1 1500000 250000
+"$box" start "$state" --wait >/dev/null
+"$box" status "$state"
+
+say "Heartbeat: tmctl send TM_MSG_HEARTBEAT --text hello  (reply word, then the daemon's line)"
+"$box" exec "$state" -- tmctl send TM_MSG_HEARTBEAT --text hello
+sleep 0.2; grep -a 'Heart Beat' "$state/stdout" || true
+
+say "State dump: tmctl send TM_MSG_DUMP_STATE"
+"$box" exec "$state" -- tmctl send TM_MSG_DUMP_STATE
+sleep 0.2; sed -n '/^Minute Flash Size/,/^Next Flash Index/p' "$state/stdout"
+
+say "The data model's settings object as the daemon reads it"
+"$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER
+
+cat <<MSG
+
+kvard keeps running in the box. Try:
+  $box exec $state -- tmctl send TM_MSG_DUMP_STATE_LISTS
+  $box netdev $state eth0.1 9000000 800000     # move the WAN counters
+  $box time $state "2026-03-29 00:05:00"       # move the clock
+  cat $state/stdout                 # the daemon's output
+  $box stop $state                              # stop it
+MSG
