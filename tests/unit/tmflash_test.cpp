@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -298,6 +299,59 @@ TEST_F(Flash, the_raw_dump_shows_the_first_ten_bytes_of_readable_pages)
               "Index 1: 20 00 00 00 ad 55 0a 19 00 00 \n"
               "Index 2: ff ff ff ff ff ff ff ff ff ff \n"
               "Index 3: ff ff ff ff ff ff ff ff ff ff \n");
+}
+
+}  // namespace
+
+namespace {
+
+// A small partition written by the code and kept under tests/fixtures: the
+// stored format must never change, so the image is decoded here byte by byte
+// and the code must still write exactly these bytes.
+const TmRecord kGolden[] = {
+    {1700000000, 1700000060, 123456789, 987654321, 60, 0},
+    {1700043200, 1700086400, 0x0102030405060708ull, 0xF0E0D0C0B0A09080ull, 43200, 0},
+    {-1, 0x7FFFFFFF, 0, ~0ull, -7, 0},
+    {0, 0, 0, 0, 0, 0},
+};
+
+class Golden : public FakeMtd {};
+
+TEST_F(Golden, the_stored_image_decodes_field_by_field_and_the_code_writes_it_unchanged)
+{
+    Geometry(512, 2048, 4 * 2048);
+    ASSERT_EQ(TmFlashInit(), 0);
+    // Pages 0, 1, 5 and 8: in three blocks, one of them a block's first page.
+    const uint32_t pages[] = {0, 1, 5, 8};
+    for (int i = 0; i < 4; i++) ASSERT_EQ(TmWriteFlash(pages[i], &kGolden[i]), 0);
+    std::string written = ImageBytes();
+    const std::string fixture = std::string(KVARD_FIXTURES) + "/golden-tm.img";
+    if (getenv("KVARD_UPDATE_GOLDEN")) std::ofstream(fixture, std::ios::binary) << written;
+    std::string golden = FakeMtdReadAll(fixture);
+    ASSERT_EQ(golden.size(), 4u * 2048);
+    EXPECT_TRUE(written == golden) << "the code no longer writes the stored format";
+
+    auto u = [&](size_t at, int bytes) {
+        uint64_t v = 0;
+        for (int i = bytes - 1; i >= 0; i--) v = v << 8 | (uint8_t)golden[at + i];
+        return v;
+    };
+    for (int i = 0; i < 4; i++) {
+        size_t at = pages[i] * 512;
+        SCOPED_TRACE("page " + std::to_string(pages[i]));
+        EXPECT_EQ(u(at, 2), 32u);
+        EXPECT_EQ((int32_t)u(at + 8, 4), kGolden[i].tStart);
+        EXPECT_EQ((int32_t)u(at + 12, 4), kGolden[i].tEnd);
+        EXPECT_EQ(u(at + 16, 8), kGolden[i].tx);
+        EXPECT_EQ(u(at + 24, 8), kGolden[i].rx);
+        EXPECT_EQ((int32_t)u(at + 32, 4), kGolden[i].tUsed);
+        EXPECT_EQ(u(at + 4, 4), ReferenceCrc((const uint8_t *)golden.data() + at + 8, 32));
+        for (size_t b = at + 40; b < at + 512; b++) ASSERT_EQ((uint8_t)golden[b], 0xFF);
+        TmRecord back;
+        ASSERT_EQ(TmReadFlash(pages[i], &back), 0);
+        EXPECT_EQ(0, memcmp(&back, &kGolden[i], sizeof back));
+    }
+    for (uint32_t p : {2u, 3u, 4u, 6u, 7u, 9u, 15u}) EXPECT_EQ(u(p * 512, 2), 0xFFFFu) << "page " << p << " empty";
 }
 
 }  // namespace
