@@ -1,0 +1,79 @@
+// Running a program in the box: the bubblewrap command line, the supervisor
+// that records what became of the program, readiness, signals, and entering
+// the box's network namespace.
+#ifndef KVARD_SANDBOX_BOX_H
+#define KVARD_SANDBOX_BOX_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/sandbox/layout.h"
+
+namespace sandbox {
+
+// The installed tree the runner belongs to.
+struct Tree {
+    std::string prefix;
+    std::string Helper() const { return prefix + "/lib/kvard/sandbox-helper"; }
+    std::string MtdSim() const { return prefix + "/lib/kvard/libmtdsim.so"; }
+    std::string DefaultProgram() const { return prefix + "/sbin/kvard"; }
+};
+
+// The tree of the running executable (its directory's parent).
+Tree LocateTree();
+
+struct RunOptions {
+    std::vector<std::string> command;  // empty: the tree's kvard
+    std::vector<std::string> env;      // NAME=VALUE, applied after the box's own
+    std::vector<std::pair<std::string, std::string>> binds;    // host path, box path (writable)
+    std::vector<std::pair<std::string, std::string>> roBinds;  // host path, box path (read-only)
+};
+
+// Runs the program in the foreground until it ends. With ECHO the program's
+// output files are copied to this process's stdout and stderr as they grow.
+// Returns the exit code for the runner: the program's status, 128 + N when
+// signal N killed it, 125 when the box could not be started.
+int RunForeground(const Instance &instance, const Tree &tree, const RunOptions &options, bool echo);
+
+// Starts a detached supervisor and returns the program's host pid once it
+// runs. Throws when the box cannot be started.
+pid_t StartBackground(const Instance &instance, const Tree &tree, const RunOptions &options);
+
+enum class State { NotStarted, Starting, Running, Exited, Killed, Failed, Lost };
+
+struct Status {
+    State state = State::NotStarted;
+    int value = 0;       // exit status or signal number
+    std::string text;    // reason of a failure
+    pid_t pid = 0;       // host pid of the program, when known
+};
+
+Status ReadStatus(const Instance &instance);
+// One line: "running pid 123", "exited 0", "killed 15 (SIGTERM)", ...
+std::string DescribeStatus(const Status &status);
+bool Ended(const Status &status);
+
+enum class WaitResult { Ready, TimedOut, Ended };
+// Waits until UDP PORT is bound in the box's network namespace.
+WaitResult WaitReady(const Instance &instance, int port, double timeoutSeconds);
+
+// Sends SIGNAL to the program itself. Throws when it is not running.
+void SignalProgram(const Instance &instance, int signal);
+
+// Sends SIGNAL, waits up to TIMEOUT seconds for the box to end, then kills
+// the whole box. Returns the final status.
+Status StopInstance(const Instance &instance, int signal, double timeoutSeconds);
+
+// Replaces this process with COMMAND in the box's network namespace, with
+// the tree's bin/ first in PATH and KVARD_MDM_DIR naming the instance's store.
+[[noreturn]] void ExecInNetwork(const Instance &instance, const Tree &tree, const std::vector<std::string> &command);
+
+// The bubblewrap argument vector for OPTIONS (exposed for --dry-run).
+std::vector<std::string> BoxCommandLine(const Instance &instance, const Tree &tree, const RunOptions &options);
+
+}  // namespace sandbox
+
+#endif
