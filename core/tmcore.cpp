@@ -7,7 +7,10 @@
 #include <ctime>
 
 #include "core/tmhandlers.h"
+#include "history/tmcalendar.h"
 #include "history/tmmtd.h"
+#include "history/tmsidefile.h"
+#include "history/tmtotals.h"
 #include "platform/bcm_dm_util.h"
 #include "platform/tmdump.h"
 #include "platform/tmwan.h"
@@ -130,5 +133,82 @@ int TmSetSimInput(const uint8_t *body)
     if (tmCore.sim.simMsg == 0)
         printf("tx=%llu rx=%llu now=%lu msg=%d\n", (unsigned long long)tmCore.sim.simTx,
                (unsigned long long)tmCore.sim.simRx, (unsigned long)tmCore.sim.simNow, tmCore.sim.simMsg);
+    return 1;
+}
+
+// New reset moment: the period totals are derived again from the lists in
+// memory, cut at the new bounds. Flash is neither read nor written.
+static void TmRecountPeriod(int32_t now)
+{
+    TmExportData &ed = tmCore.exportData;
+    ed.monthlyTx = ed.monthlyRx = ed.todayTx = ed.todayRx = ed.yesterdayTx = ed.yesterdayRx = 0;
+    ed.weekTx = ed.weekRx = ed.lastMonthTailTx = ed.lastMonthTailRx = ed.hDayTx = ed.hDayRx = 0;
+    ed.monthlyTime = ed.todayTime = ed.yesterdayTime = ed.weekTime = ed.lastMonthTailTime = ed.hDayTime = 0;
+    const int32_t L = ed.lastResetTime;
+    const int32_t midnight = TmDayStart(now);
+    const int32_t todayFrom = TmTodayStart(midnight, L);
+    const int32_t yesterdayFrom = TmYesterdayStart(midnight, L);
+    const int32_t weekFrom = TmThisWeekStart(midnight, L);
+    const int32_t runningFrom = ed.hDayList[TM_HDAY_LIST_SIZE - 2].tEnd;
+    const TmTotals month = {&ed.monthlyTx, &ed.monthlyRx, &ed.monthlyTime};
+    const TmTotals today = {&ed.todayTx, &ed.todayRx, &ed.todayTime};
+    const TmTotals yesterday = {&ed.yesterdayTx, &ed.yesterdayRx, &ed.yesterdayTime};
+    const TmTotals week = {&ed.weekTx, &ed.weekRx, &ed.weekTime};
+    const TmTotals tail = {&ed.lastMonthTailTx, &ed.lastMonthTailRx, &ed.lastMonthTailTime};
+    const TmTotals halfDay = {&ed.hDayTx, &ed.hDayRx, &ed.hDayTime};
+    for (int i = 0; i < TM_HDAY_LIST_SIZE; i++) {
+        const TmRecord &h = ed.hDayList[i];
+        if (h.tStart < L && h.tEnd <= L) continue;  // an earlier period's
+        TmAddFrom(month, h, L);
+        TmAddFrom(today, h, todayFrom);
+        TmAddBetween(yesterday, h, yesterdayFrom, midnight);
+        TmAddFrom(week, h, weekFrom);
+    }
+    for (int i = 0; i < TM_MIN_LIST_SIZE; i++) {
+        const TmRecord &m = tmCore.minList[i];
+        TmAddFrom(month, m, L);
+        if (m.tStart >= runningFrom) {
+            if (m.tEnd <= L) TmAddWhole(tail, m);
+            else if (m.tStart < L) TmAddPart(tail, m, (int64_t)L - m.tStart);
+        }
+        if (m.tEnd <= L) continue;
+        TmAddWhole(halfDay, m);
+        TmAddFrom(today, m, todayFrom);
+        TmAddBetween(yesterday, m, yesterdayFrom, midnight);
+        TmAddFrom(week, m, weekFrom);
+    }
+}
+
+int TmHandleConfigUpdate(void)
+{
+    TmExportData &ed = tmCore.exportData;
+    if (tmCore.configPath[0] == '\0') return 0;
+    TmConfig fresh;
+    memset(&fresh, 0, sizeof fresh);
+    if (bcm_dm_ReadConfig(tmCore.configPath, &fresh) != 0) {
+        puts("Read Config  fail");
+        return 0;
+    }
+    ed.enable = fresh.enable;
+    ed.limitType = fresh.limitType;
+    ed.limitVol = fresh.limitVol;
+    ed.limitTime = fresh.limitTime;
+    ed.resetDay = fresh.resetDay;
+    int moved = fresh.resetDay != tmCore.config.resetDay || fresh.resetHour != tmCore.config.resetHour ||
+                fresh.resetMinute != tmCore.config.resetMinute;
+    tmCore.config = fresh;
+    if (moved) {
+        // A new reset moment ends any manual reset of the old period.
+        ed.manualResetTime = 0;
+        WriteManualResetTimeToFile();
+        if (TmCalcResetTimes(fresh.resetDay, fresh.resetHour, fresh.resetMinute) == 0) return 0;
+        int32_t now = 0;
+        TmNow(&now);
+        TmRecountPeriod(now);
+    }
+    if (debugFlag) TmDumpConfig();
+    bcm_dm_WriteStatistic();
+    // The next wake, 10 ms from now, measures the limit against the new settings.
+    tmCore.wakeNow = 1;
     return 1;
 }

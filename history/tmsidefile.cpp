@@ -54,7 +54,7 @@ int TmReadWarnFile(int32_t *disconnect, int32_t *limit, int32_t *warn)
     return 1;
 }
 
-void TmWriteWarnFile(uint32_t disconnect, uint32_t limit, uint32_t warn)
+void TmWriteWarnFile(int32_t disconnect, int32_t limit, int32_t warn)
 {
     FILE *file = fopen(TM_WARN_FILE, "wb");
     if (!file) return;

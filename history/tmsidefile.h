@@ -15,8 +15,8 @@ int WriteManualResetTimeToFile(void);
 int GetManualResetTimeFromFile(void);
 // The three limit states of /tmp/tmwarn.data; 1 when the file opened (outputs kept if short), 0 (all 0) if not.
 int TmReadWarnFile(int32_t *disconnect, int32_t *limit, int32_t *warn);
-// Writes /tmp/tmwarn.data: the digits of disconnect, limit and warn, no line end.
-void TmWriteWarnFile(uint32_t disconnect, uint32_t limit, uint32_t warn);
+// Writes /tmp/tmwarn.data: '0' plus disconnect, limit and warn, no line end.
+void TmWriteWarnFile(int32_t disconnect, int32_t limit, int32_t warn);
 // Writes /tmp/tmlimit.data: the set flags "l", "w", "d", then time and elapsed; 0, or 1 when it can't be opened.
 int TmWriteLimitFile(uint32_t limit, uint32_t warn, uint32_t disconnect, int32_t time, int32_t elapsed);
 

@@ -9,7 +9,9 @@
 #include <ctime>
 
 #include "core/tmtrace.h"
+#include "history/tmstat.h"
 #include "platform/cms/cms.h"
+#include "platform/tmtext.h"
 #include "platform/tmnum.h"
 
 #define TM_LOCK_TIMEOUT_MS 30000
@@ -261,5 +263,127 @@ int bcm_dm_ReadConfig(const char *path, TmConfig *config)
     config->ledflashLimit = cmsUtl_strcmp(o->led_on, "true") == 0;
     cmsObj_free((void **)&o);
     bcm_dm_release();
+    return 0;
+}
+
+// The four or seven fields of one period, in the object's writing order.
+static void TmPutPeriod(char **conntime, char **upload, char **uploadavg, char **download, char **downloadavg,
+                        char **total, char **totalavg, const TmPeriodFigures &p)
+{
+    char text[TM_TEXT_SIZE];
+    uint64_t sum = p.upload + p.download;  // added as an integer first, converted afterwards
+    TmReplaceField(conntime, TmTextDuration(text, p.conntime));
+    TmReplaceField(upload, TmTextMegabytes(text, p.upload));
+    if (uploadavg) TmReplaceField(uploadavg, TmTextAverage(text, p.upload, p.elapsed));
+    TmReplaceField(download, TmTextMegabytes(text, p.download));
+    if (downloadavg) TmReplaceField(downloadavg, TmTextAverage(text, p.download, p.elapsed));
+    TmReplaceField(total, TmTextMegabytes(text, sum));
+    if (totalavg) TmReplaceField(totalavg, TmTextAverage(text, sum, p.elapsed));
+}
+
+// The moment shown as the start of counting: a manual reset once the clock is set.
+static int32_t TmShownStart(const TmStatistic &s)
+{
+    return (s.manualTime != 0 && tmCore.exportData.timeSync == 1) ? s.manualTime : s.start_data_time;
+}
+
+// Days of the period, counting a last day of 22 hours or more (a day lost to
+// daylight saving) as whole. Without a period (clock not synchronised) 0.
+static uint64_t TmPeriodDays(const TmStatistic &s)
+{
+    if (s.next_data_time == 0) return 0;
+    int32_t span = s.next_data_time - s.start_data_time;
+    return (uint64_t)(int64_t)(span / 86400 + (span % 86400 >= 79200 ? 1 : 0));
+}
+
+static void TmPrintPeriod(const char *name, const TmPeriodFigures &p, int averages)
+{
+    char text[TM_TEXT_SIZE];
+    uint64_t sum = p.upload + p.download;
+    // The first line of the set is the only one with an equals sign.
+    printf("%s_conntime%s%s\n", name, strcmp(name, "today") == 0 ? " = " : " ", TmTextDuration(text, p.conntime));
+    printf("%s_upload %s\n", name, TmTextMegabytes(text, p.upload));
+    if (averages) printf("%s_uploadavg %s\n", name, TmTextAverage(text, p.upload, p.elapsed));
+    printf("%s_download %s\n", name, TmTextMegabytes(text, p.download));
+    if (averages) printf("%s_downloadavg %s\n", name, TmTextAverage(text, p.download, p.elapsed));
+    printf("%s_total %s\n", name, TmTextMegabytes(text, sum));
+    if (averages) printf("%s_totalavg %s\n", name, TmTextAverage(text, sum, p.elapsed));
+}
+
+// The whole set once more on stdout, for the debug printing.
+static void TmPrintStatistic(const TmStatistic &s)
+{
+    char text[TM_TEXT_SIZE];
+    TmPrintPeriod("today", s.today, 0);
+    TmPrintPeriod("yesterday", s.yesterday, 0);
+    TmPrintPeriod("thisweek", s.thisweek, 1);
+    TmPrintPeriod("thismonth", s.thismonth, 1);
+    TmPrintPeriod("lastmonth", s.lastmonth, 1);
+    printf("manualTime %lu %s", (unsigned long)(uint32_t)s.manualTime, TmTextAsctime(text, s.manualTime));
+    printf("start_data_time %lu %s", (unsigned long)(uint32_t)s.start_data_time,
+           TmTextAsctime(text, s.start_data_time));
+    printf("current_data_time %lu %s", (unsigned long)(uint32_t)s.current_data_time,
+           TmTextAsctime(text, s.current_data_time));
+    printf("volume_left %s\n", TmTextRemainder(text, s.volume_left, s.timeLimit));
+    printf("passedDay %llu\n", (unsigned long long)(uint32_t)((s.current_data_time - s.start_data_time) / 86400));
+    printf("periodDay %llu\n", (unsigned long long)TmPeriodDays(s));
+    printf("dataUsed %llu\n", (unsigned long long)s.dataUsed);
+    printf("dataLimited %llu\n", (unsigned long long)s.dataLimited);
+}
+
+int bcm_dm_WriteStatistic(void)
+{
+    TmStatistic s;
+    memset(&s, 0, sizeof s);
+    // The figures (and the WAN counters behind them) are read outside the lock.
+    if (TmCollectStatistic(&s) == 0) puts("Statistc error");
+    if (bcm_dm_lock() != 0) return 1;
+    InstanceIdStack stack = EMPTY_INSTANCE_ID_STACK;
+    OrnaTrafficMeterStatisticsObject *o = nullptr;
+    CmsRet ret = cmsObj_get(MDMOID_ORNA_TRAFFIC_METER_STATISTICS, &stack, 0, (void **)&o);
+    if (ret != CMSRET_SUCCESS) {
+        printf("Failed to get MDMOID_ORNA_TRAFFIC_METER_STATISTICS, ret=%d", ret);
+        bcm_dm_release();
+        return 1;
+    }
+    TmPutPeriod(&o->today_conntime, &o->today_upload, nullptr, &o->today_download, nullptr, &o->today_total, nullptr,
+                s.today);
+    TmPutPeriod(&o->yesterday_conntime, &o->yesterday_upload, nullptr, &o->yesterday_download, nullptr,
+                &o->yesterday_total, nullptr, s.yesterday);
+    TmPutPeriod(&o->thisweek_conntime, &o->thisweek_upload, &o->thisweek_uploadavg, &o->thisweek_download,
+                &o->thisweek_downloadavg, &o->thisweek_total, &o->thisweek_totalavg, s.thisweek);
+    TmPutPeriod(&o->thismonth_conntime, &o->thismonth_upload, &o->thismonth_uploadavg, &o->thismonth_download,
+                &o->thismonth_downloadavg, &o->thismonth_total, &o->thismonth_totalavg, s.thismonth);
+    TmPutPeriod(&o->lastmonth_conntime, &o->lastmonth_upload, &o->lastmonth_uploadavg, &o->lastmonth_download,
+                &o->lastmonth_downloadavg, &o->lastmonth_total, &o->lastmonth_totalavg, s.lastmonth);
+    char text[TM_TEXT_SIZE];
+    TmReplaceField(&o->start_data_time, TmTextAsctime(text, TmShownStart(s)));
+    TmReplaceField(&o->current_data_time, TmTextAsctime(text, s.current_data_time));
+    TmReplaceField(&o->volume_left, TmTextRemainder(text, s.volume_left, s.timeLimit));
+    // Whole days since the period's start; a manual reset does not move it.
+    snprintf(text, sizeof text, "%lu", (unsigned long)(uint32_t)((s.current_data_time - s.start_data_time) / 86400));
+    TmReplaceField(&o->passedDay, text);
+    snprintf(text, sizeof text, "%llu", (unsigned long long)TmPeriodDays(s));
+    TmReplaceField(&o->periodDay, text);
+    if (s.timeLimit == 0) {
+        snprintf(text, sizeof text, "%llu", (unsigned long long)(s.dataUsed / 1000000));
+        TmReplaceField(&o->dataUsed, text);
+        snprintf(text, sizeof text, "%llu", (unsigned long long)(s.dataLimited / 1000000));
+        TmReplaceField(&o->dataLimited, text);
+    } else {
+        snprintf(text, sizeof text, "%llu:%2.2llu", (unsigned long long)(s.dataUsed / 3600),
+                 (unsigned long long)(s.dataUsed % 3600 / 60));
+        TmReplaceField(&o->connTimeUsed, text);
+        snprintf(text, sizeof text, "%llu", (unsigned long long)(s.dataLimited / 3600));
+        TmReplaceField(&o->connTimeLimited, text);
+    }
+    if (debugFlag) {
+        printf("tfmtCfgStat->limitedTime %s ", TmPrintable(o->limitedTime));
+        printf("tfmtCfgStat->warningTime %s ", TmPrintable(o->warningTime));
+    }
+    cmsObj_set(o, &stack);
+    cmsObj_free((void **)&o);
+    bcm_dm_release();
+    if (debugFlag) TmPrintStatistic(s);
     return 0;
 }

@@ -103,7 +103,7 @@ TEST_F(SideFiles, an_unwritable_reset_file_keeps_the_old_value)
 TEST_F(SideFiles, the_warn_file_holds_disconnect_limit_warning_digits)
 {
     struct Case {
-        uint32_t d, l, w;
+        int32_t d, l, w;
         const char *bytes;
     } cases[] = {{0, 0, 0, "000"}, {0, 1, 1, "011"}, {1, 1, 1, "111"}, {0, 0, 1, "001"}, {1, 0, 1, "101"}};
     for (const Case &c : cases) {
@@ -111,9 +111,9 @@ TEST_F(SideFiles, the_warn_file_holds_disconnect_limit_warning_digits)
         EXPECT_EQ(Read("tmwarn.data"), c.bytes);
         int32_t d = 9, l = 9, w = 9;
         EXPECT_EQ(TmReadWarnFile(&d, &l, &w), 1);
-        EXPECT_EQ(d, (int32_t)c.d);
-        EXPECT_EQ(l, (int32_t)c.l);
-        EXPECT_EQ(w, (int32_t)c.w);
+        EXPECT_EQ(d, c.d);
+        EXPECT_EQ(l, c.l);
+        EXPECT_EQ(w, c.w);
     }
 }
 

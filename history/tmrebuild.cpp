@@ -1,0 +1,192 @@
+// The rebuild: everything the meter knows of the past (both lists, the ring
+// cursors, every period total) is derived anew from the two flash rings, the
+// calendar and the stored manual reset time.
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "core/tmcore.h"
+#include "core/tmhandlers.h"
+#include "history/tmcalendar.h"
+#include "history/tmflash.h"
+#include "history/tmsidefile.h"
+#include "history/tmstat.h"
+#include "history/tmtotals.h"
+#include "platform/bcm_dm_util.h"
+#include "platform/tmtext.h"
+
+// Page after the noted one in its ring, or the ring's start when none was noted.
+static uint32_t TmPageAfter(uint32_t start, uint32_t size, int64_t noted)
+{
+    if (noted < 0) return start;
+    return start + (uint32_t)(noted - start + 1) % size;
+}
+
+static void TmFindCursors(void)
+{
+    TmRecord r;
+    int64_t noted = -1;
+    tmCore.latestHDayFlashTime = 0;
+    for (uint32_t p = tmCore.hDayFlashStart; p < tmCore.hDayFlashStart + tmCore.hDayFlashSize; p++) {
+        if (TmReadFlash(p, &r) == 0 && r.tEnd > tmCore.latestHDayFlashTime) {
+            tmCore.latestHDayFlashTime = r.tEnd;
+            noted = p;
+        }
+    }
+    tmCore.nextHDayFlashIndex = TmPageAfter(tmCore.hDayFlashStart, tmCore.hDayFlashSize, noted);
+    // Minutes: among equal times the highest page, and a time of 0 counts.
+    int32_t best = 0;
+    noted = -1;
+    for (uint32_t p = tmCore.minFlashStart; p < tmCore.minFlashStart + tmCore.minFlashSize; p++) {
+        if (TmReadFlash(p, &r) == 0 && r.tEnd >= best) {
+            best = r.tEnd;
+            noted = p;
+        }
+    }
+    tmCore.nextMinFlashIndex = TmPageAfter(tmCore.minFlashStart, tmCore.minFlashSize, noted);
+}
+
+static void TmPrintTime(const char *format, int32_t value)
+{
+    char text[TM_TEXT_SIZE];
+    printf(format, (unsigned long)(uint32_t)value, TmTextAsctime(text, value));
+}
+
+// The stored manual reset counts only strictly inside the current period.
+static void TmTakeManualReset(void)
+{
+    TmExportData &ed = tmCore.exportData;
+    GetManualResetTimeFromFile();
+    if (debugFlag) {
+        TmPrintTime("manualResetTime.time %lu %s\n", tmCore.manualResetTime.time);
+        TmPrintTime("exportData.lastResetTime  %lu %s\n", ed.lastResetTime);
+        TmPrintTime("exportData.nextResetTime  %lu %s\n", ed.nextResetTime);
+    }
+    if (tmCore.manualResetTime.time == 0) return;
+    if (tmCore.manualResetTime.time > ed.lastResetTime && tmCore.manualResetTime.time < ed.nextResetTime) {
+        ed.manualResetTime = tmCore.manualResetTime.time;
+        return;
+    }
+    // A stale reset belongs to a period that is over: it goes from memory and file alike.
+    tmCore.manualResetTime.time = 0;
+    ed.manualResetTime = 0;
+    WriteManualResetTimeToFile();
+}
+
+// Lays out both lists around now: 124 half-days ending with the running one,
+// and its 720 minutes.
+static void TmFrameLists(int32_t now)
+{
+    TmExportData &ed = tmCore.exportData;
+    // The running half-day begins at the boundary at or before now, also in
+    // the first minute after a boundary.
+    int32_t start = TmPrevHalfDay(now + 60);
+    int32_t end = TmNextHalfDay(now);
+    TmCalcDayWeekBoundaries(now);
+    for (int i = TM_HDAY_LIST_SIZE - 1; i >= 0; i--) {
+        ed.hDayList[i].tStart = start;
+        ed.hDayList[i].tEnd = end;
+        end = start;
+        start = TmPrevHalfDay(start);
+    }
+    tmCore.nextHDay = ed.hDayList[TM_HDAY_LIST_SIZE - 1].tEnd;
+    tmCore.baseMin = ed.hDayList[TM_HDAY_LIST_SIZE - 1].tStart;
+    tmCore.nextMin = TmNextMinute(now);
+    memset(tmCore.minList, 0, sizeof tmCore.minList);
+    for (int i = 0; i < TM_MIN_LIST_SIZE; i++) {
+        tmCore.minList[i].tStart = tmCore.baseMin + 60 * i;
+        tmCore.minList[i].tEnd = tmCore.minList[i].tStart + 60;
+    }
+}
+
+// Minute records newer than the newest half-day record go into the minute
+// list, or into the half-day list when they are older than the running half-day.
+static void TmReplayMinutes(void)
+{
+    TmRecord r;
+    for (uint32_t p = tmCore.minFlashStart; p < tmCore.minFlashStart + tmCore.minFlashSize; p++) {
+        if (TmReadFlash(p, &r) != 0 || r.tEnd <= tmCore.latestHDayFlashTime) continue;
+        if (TmApportionRecord(tmCore.minList, TM_MIN_LIST_SIZE, &r) == -1)
+            TmApportionRecord(tmCore.exportData.hDayList, TM_HDAY_LIST_SIZE, &r);
+    }
+}
+
+// Closed half-days that hold minutes but were never written become records.
+// The entries are emptied again: the half-day ring is replayed into them next,
+// and would otherwise count the folded records twice.
+static void TmFoldHalfDays(void)
+{
+    for (int i = 0; i < TM_HDAY_LIST_SIZE; i++) {
+        TmRecord &entry = tmCore.exportData.hDayList[i];
+        if (entry.tx == 0 && entry.rx == 0 && entry.tUsed == 0) continue;
+        tmCore.nextHDayFlashIndex =
+            WriteToFlash(tmCore.hDayFlashStart, tmCore.hDayFlashSize, tmCore.nextHDayFlashIndex, &entry);
+        entry.tx = entry.rx = 0;
+        entry.tUsed = 0;
+    }
+}
+
+int TmInitTrafficList(int bInit)
+{
+    TmExportData &ed = tmCore.exportData;
+    if (debugFlag) printf("TmInitTrafficList bInit=%d\n", bInit);
+    TmFindCursors();
+    memset(ed.hDayList, 0, sizeof ed.hDayList);
+    TmCalcResetTimes(tmCore.config.resetDay, tmCore.config.resetHour, tmCore.config.resetMinute);
+    TmTakeManualReset();
+
+    int32_t now = 0;
+    TmNow(&now);
+    TmFrameLists(now);
+    if (debugFlag)
+        printf("minFlashStart:%u minFlashSize:%u latestHDayFlashTime:%lu\n", tmCore.minFlashStart,
+               tmCore.minFlashSize, (unsigned long)(uint32_t)tmCore.latestHDayFlashTime);
+    TmReplayMinutes();
+    TmFoldHalfDays();
+
+    ed.monthlyTx = ed.monthlyRx = ed.todayTx = ed.todayRx = ed.yesterdayTx = ed.yesterdayRx = 0;
+    ed.weekTx = ed.weekRx = ed.lastMonthTailTx = ed.lastMonthTailRx = 0;
+    ed.monthlyTime = ed.todayTime = ed.yesterdayTime = ed.weekTime = ed.lastMonthTailTime = 0;
+    const int32_t L = ed.lastResetTime;
+    const int32_t midnight = TmDayStart(now);
+    const int32_t todayFrom = TmTodayStart(midnight, L);
+    const int32_t yesterdayTo = midnight;
+    const int32_t yesterdayFrom = TmYesterdayStart(midnight, L);
+    const int32_t weekFrom = TmThisWeekStart(midnight, L);
+    const TmTotals month = {&ed.monthlyTx, &ed.monthlyRx, &ed.monthlyTime};
+    const TmTotals today = {&ed.todayTx, &ed.todayRx, &ed.todayTime};
+    const TmTotals yesterday = {&ed.yesterdayTx, &ed.yesterdayRx, &ed.yesterdayTime};
+    const TmTotals week = {&ed.weekTx, &ed.weekRx, &ed.weekTime};
+    const TmTotals tail = {&ed.lastMonthTailTx, &ed.lastMonthTailRx, &ed.lastMonthTailTime};
+    const TmTotals halfDay = {&ed.hDayTx, &ed.hDayRx, &ed.hDayTime};
+
+    TmRecord r;
+    for (uint32_t p = tmCore.hDayFlashStart; p < tmCore.hDayFlashStart + tmCore.hDayFlashSize; p++) {
+        if (TmReadFlash(p, &r) != 0) continue;
+        if (TmApportionRecord(ed.hDayList, TM_HDAY_LIST_SIZE, &r) != 0) continue;
+        if (r.tStart < L && r.tEnd <= L) continue;  // a past period's
+        TmAddFrom(month, r, L);
+        TmAddFrom(today, r, todayFrom);
+        TmAddBetween(yesterday, r, yesterdayFrom, yesterdayTo);
+        TmAddFrom(week, r, weekFrom);
+    }
+
+    ed.hDayTx = ed.hDayRx = 0;
+    ed.hDayTime = 0;
+    for (int i = 0; i < TM_MIN_LIST_SIZE; i++) {
+        const TmRecord &m = tmCore.minList[i];
+        TmAddFrom(month, m, L);
+        if (m.tEnd <= L) {
+            TmAddWhole(tail, m);
+            continue;
+        }
+        // The tail takes its share whether a manual reset is in force or not.
+        if (m.tStart < L) TmAddPart(tail, m, (int64_t)L - m.tStart);
+        TmAddWhole(halfDay, m);
+        TmAddFrom(today, m, todayFrom);
+        TmAddBetween(yesterday, m, yesterdayFrom, yesterdayTo);
+        TmAddFrom(week, m, weekFrom);
+    }
+    bcm_dm_WriteStatistic();
+    return 1;
+}

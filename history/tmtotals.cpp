@@ -1,0 +1,42 @@
+#include "history/tmtotals.h"
+
+#include "core/tmcore.h"
+#include "history/tmstat.h"
+
+void TmAddWhole(const TmTotals &t, const TmRecord &r)
+{
+    *t.tx += r.tx;
+    *t.rx += r.rx;
+    *t.time += r.tUsed;
+}
+
+void TmAddPart(const TmTotals &t, const TmRecord &r, int64_t part)
+{
+    int64_t len = (int64_t)r.tEnd - r.tStart;
+    *t.tx = TmShareU64(*t.tx, r.tx, part, len);
+    *t.rx = TmShareU64(*t.rx, r.rx, part, len);
+    *t.time = TmShareI32(*t.time, r.tUsed, part, len);
+}
+
+// While a manual reset is in force, a record that straddles a bound adds
+// nothing: its figures before the reset were zeroed only if it began after
+// the period's start.
+void TmAddFrom(const TmTotals &t, const TmRecord &r, int32_t from)
+{
+    if (r.tStart >= from) TmAddWhole(t, r);
+    else if (from >= r.tEnd) return;
+    else if (tmCore.exportData.manualResetTime == 0) TmAddPart(t, r, (int64_t)r.tEnd - from);
+}
+
+void TmAddBetween(const TmTotals &t, const TmRecord &r, int32_t from, int32_t to)
+{
+    if (from >= r.tEnd || to <= r.tStart) return;
+    if (r.tStart >= from && r.tEnd <= to) {
+        TmAddWhole(t, r);
+        return;
+    }
+    if (tmCore.exportData.manualResetTime != 0) return;
+    int64_t start = r.tStart < from ? from : r.tStart;
+    int64_t end = r.tEnd > to ? to : r.tEnd;
+    TmAddPart(t, r, end - start);
+}
