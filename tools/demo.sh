@@ -35,6 +35,27 @@ sleep 0.2; sed -n '/^Minute Flash Size/,/^Next Flash Index/p' "$state/stdout"
 say "The data model's settings object as the daemon reads it"
 "$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER
 
+say "A simulated day: every 15 minutes the clock moves on, the WAN counters grow and a timer wake meters it"
+start=$(TZ=Europe/Berlin date -d "2026-03-28 23:58:00" +%s)
+rx=1500000; tx=250000
+for step in $(seq 1 100); do
+  now=$((start + step * 900))
+  rx=$((rx + 2000000 + (step % 7) * 350000)); tx=$((tx + 300000 + (step % 5) * 40000))
+  "$box" time "$state" "$(TZ=Europe/Berlin date -d "@$now" '+%F %T')"
+  "$box" netdev "$state" eth0.1 "$rx" "$tx"
+  "$box" exec "$state" -- tmctl send TM_MSG_TIME_WAKE >/dev/null
+  printf '.'
+done
+echo
+echo "The clock now reads $(TZ=Europe/Berlin date -d "@$now" '+%F %T %Z') (the day had 23 hours: summer time began)."
+
+say "What the router shows: the statistics object"
+"$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | grep -E '^(today|yesterday|thismonth)_|^(start|current)_data_time|^volume_left|^passedDay'
+
+say "What survives a reboot: the half-day records on flash"
+"$box" exec "$state" -- tmctl send TM_MSG_DUMP_HDAY_FLASH >/dev/null
+sleep 0.3; grep -a '^Index: .*tx:' "$state/stdout" | tail -4
+
 cat <<MSG
 
 kvard keeps running in the box. Try:
