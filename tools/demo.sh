@@ -56,6 +56,36 @@ say "What survives a reboot: the half-day records on flash"
 "$box" exec "$state" -- tmctl send TM_MSG_DUMP_HDAY_FLASH >/dev/null
 sleep 0.3; grep -a '^Index: .*tx:' "$state/stdout" | tail -4
 
+say "A simulated month with a limit: 400 MB a month, warning 100 MB before it, WAN cut and LED flashing at the limit"
+"$box" exec "$state" -- tmctl mdm set MDMOID_ORNA_TRAFFIC_METER contrl_type=Both volume_monthly_limit=400 mark=100 block_on=true led_on=true
+"$box" exec "$state" -- tmctl send TM_MSG_CONFIG_UPDATE >/dev/null
+wake() {  # epoch, rx, tx
+  "$box" time "$state" "$(TZ=Europe/Berlin date -d "@$1" '+%F %T')"
+  "$box" netdev "$state" eth0.1 "$2" "$3"
+  "$box" exec "$state" -- tmctl send TM_MSG_TIME_WAKE --timeout 10000 >/dev/null
+}
+status() {
+  printf '%s  markStatus=%s  used=%s MB  left=%s\n' "$(TZ=Europe/Berlin date -d "@$1" '+%F %H:%M')" \
+    "$("$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER | sed -n 's/^markStatus=//p')" \
+    "$("$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | sed -n 's/^dataUsed=//p')" \
+    "$("$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | sed -n 's/^volume_left=//p')"
+}
+: > "$state/sandbox/stubs.log"
+for day in $(seq 1 4); do
+  now=$((now + 21600)); rx=$((rx + 40000000)); tx=$((tx + 5000000)); wake "$now" "$rx" "$tx"; status "$now"
+done
+echo "Commands the daemon ran (logger, ifconfig, dnsmasq, tmledflashd):"
+sed 's/^/  /' "$state/sandbox/stubs.log"
+echo "Limit files: /tmp/tmwarn.data=$(cat "$state/tmp/tmwarn.data" 2>/dev/null) /tmp/tmlimit.data: $(tr '\n' ' ' < "$state/tmp/tmlimit.data" 2>/dev/null)"
+
+say "The monthly reset on 1 April 00:00 brings the WAN back (the daemon pauses 3 s for it)"
+: > "$state/sandbox/stubs.log"
+now=$(TZ=Europe/Berlin date -d "2026-04-01 00:00:30" +%s); rx=$((rx + 1000)); wake "$now" "$rx" "$tx"
+now=$((now + 60)); wake "$now" "$rx" "$tx"; status "$now"
+echo "Commands the daemon ran:"
+sed 's/^/  /' "$state/sandbox/stubs.log"
+"$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | grep -E '^(thismonth|lastmonth)_(download|upload|total)='
+
 cat <<MSG
 
 kvard keeps running in the box. Try:
