@@ -1,0 +1,174 @@
+// The history rebuild of the installed daemon in the sandbox, on an erased
+// partition and on one whose two rings are full:
+// - StartToReady: from the start of the box to the bound control port. The
+//   daemon rebuilds before it opens the port, but the box's own start
+//   (namespaces, mounts, the helper) costs far more than the rebuild.
+// - ZoneChange: the round trip of TM_MSG_TIME_UPDATE after the zone's name
+//   changed, which the daemon answers only after a full rebuild (and the
+//   publication that ends it). This isolates the rebuild.
+//
+//   KVARD_PREFIX=<installed tree> rebuild_bench [--benchmark_repetitions=3]
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <benchmark/benchmark.h>
+
+#include "tests/system/flash_image.h"
+#include "tests/system/harness.h"
+
+namespace {
+
+using kvard::test::Sandbox;
+using kvard::test::SandboxOptions;
+using kvard::test::flash::Image;
+using kvard::test::meter::Rec;
+
+const char *const kZone = "Europe/Berlin";
+const char *const kClock = "2026-03-10 11:59:30";  // the last minute of a morning
+
+int32_t Local(const char *text)
+{
+    return kvard::test::meter::LocalTime(kZone, text);
+}
+
+// The local half-day boundary before the boundary END: the local noon or
+// midnight six hours earlier, so that 11- and 13-hour half-days come out right.
+int32_t HalfDayBefore(int32_t end)
+{
+    setenv("TZ", kZone, 1);
+    tzset();
+    time_t probe = end - 6 * 3600;
+    struct tm fields;
+    localtime_r(&probe, &fields);
+    fields.tm_hour = fields.tm_hour < 12 ? 0 : 12;
+    fields.tm_min = fields.tm_sec = 0;
+    fields.tm_isdst = -1;
+    return int32_t(mktime(&fields));
+}
+
+// A partition as a router leaves it after months of use: the minute ring has
+// wrapped (its newest page in the middle) and holds the 2304 minutes up to
+// now, the last 719 of them the running morning; the half-day ring holds the
+// 256 half-days up to this midnight, also wrapped. No minute is newer than
+// the newest half-day but those of the running morning, so the start folds
+// nothing and writes nothing: every start rebuilds the same history.
+Image FullImage()
+{
+    Image image;
+    const auto &g = image.geometry();
+    const int32_t midnight = Local("2026-03-10 00:00:00");
+    const int32_t lastMinute = Local("2026-03-10 11:58:00");
+    const uint32_t newestMinutePage = 1000, newestHalfDayPage = 100;
+    for (uint32_t k = 0; k < g.MinRingPages(); k++) {
+        int32_t start = lastMinute - 60 * int32_t(k);
+        uint32_t page = (newestMinutePage + g.MinRingPages() - k) % g.MinRingPages();
+        image.PutMinute(page, Rec(start, start + 60, 1000 + k, 100000 + 7 * k, 0));
+    }
+    int32_t end = midnight;
+    for (uint32_t k = 0; k < g.HDayRingPages(); k++) {
+        int32_t start = HalfDayBefore(end);
+        uint32_t page = (newestHalfDayPage + g.HDayRingPages() - k) % g.HDayRingPages();
+        image.PutHalfDay(page, Rec(start, end, 500000 + k, 50000000 + k, 0));
+        end = start;
+    }
+    return image;
+}
+
+// Whether the process PID has a UDP socket bound to PORT (in its namespace).
+bool PortBound(pid_t pid, int port)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/net/udp");
+    std::string line;
+    std::getline(in, line);  // header
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        std::string slot, local;
+        fields >> slot >> local;
+        size_t colon = local.rfind(':');
+        if (colon != std::string::npos && strtol(local.c_str() + colon + 1, nullptr, 16) == port) return true;
+    }
+    return false;
+}
+
+void StartToReady(benchmark::State &state, bool full)
+{
+    SandboxOptions options;
+    options.time = kClock;
+    options.zone = kZone;
+    Sandbox box(options);
+    (full ? FullImage() : Image()).WriteTo(box);
+    for (auto _ : state) {
+        auto begin = std::chrono::steady_clock::now();
+        box.Start();
+        pid_t pid = 0;
+        while (pid == 0 || !PortBound(pid, kvard::test::kControlPort)) {
+            if (pid == 0) pid = box.ProgramPid();
+            auto waited = std::chrono::steady_clock::now() - begin;
+            if (waited > std::chrono::seconds(10)) {
+                state.SkipWithError("the daemon did not bind its port within 10 s");
+                return;
+            }
+            usleep(100);
+        }
+        auto ready = std::chrono::steady_clock::now();
+        state.SetIterationTime(std::chrono::duration<double>(ready - begin).count());
+        box.Stop();
+    }
+    auto pages = kvard::test::meter::MinuteRing(box).size() + kvard::test::meter::HalfDayRing(box).size();
+    state.counters["records"] = double(pages);
+}
+
+void ZoneChange(benchmark::State &state, bool full, bool rename)
+{
+    SandboxOptions options;
+    options.time = kClock;
+    options.zone = kZone;
+    Sandbox box(options);
+    (full ? FullImage() : Image()).WriteTo(box);
+    box.Start();
+    if (!box.WaitReady()) {
+        state.SkipWithError("the daemon did not start");
+        return;
+    }
+    // Two names of the same rules: only the name is compared.
+    const char *const names[] = {"CET-1CEST,M3.5.0,M10.5.0/3", kZone};
+    size_t turn = 0;
+    for (auto _ : state) {
+        if (rename) box.UpdateObject("1045", {{"localTimeZone", names[turn++ % 2]}});
+        auto begin = std::chrono::steady_clock::now();
+        auto reply = box.Send(kvard::test::kTimeUpdate);
+        auto end = std::chrono::steady_clock::now();
+        if (reply != 1) {
+            state.SkipWithError("TM_MSG_TIME_UPDATE was not answered with 1");
+            return;
+        }
+        state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
+    }
+    state.counters["records"] =
+        double(kvard::test::meter::MinuteRing(box).size() + kvard::test::meter::HalfDayRing(box).size());
+}
+
+BENCHMARK_CAPTURE(ZoneChange, same_name_no_rebuild, false, false)
+    ->Iterations(200)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ZoneChange, erased_partition, false, true)
+    ->Iterations(200)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ZoneChange, both_rings_full, true, true)
+    ->Iterations(200)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(StartToReady, erased_partition, false)->Iterations(20)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(StartToReady, both_rings_full, true)->Iterations(20)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
