@@ -140,42 +140,25 @@ int TmSetSimInput(const uint8_t *body)
 // memory, cut at the new bounds. Flash is neither read nor written.
 static void TmRecountPeriod(int32_t now)
 {
-    TmExportData &ed = tmCore.exportData;
-    ed.monthlyTx = ed.monthlyRx = ed.todayTx = ed.todayRx = ed.yesterdayTx = ed.yesterdayRx = 0;
-    ed.weekTx = ed.weekRx = ed.lastMonthTailTx = ed.lastMonthTailRx = ed.hDayTx = ed.hDayRx = 0;
-    ed.monthlyTime = ed.todayTime = ed.yesterdayTime = ed.weekTime = ed.lastMonthTailTime = ed.hDayTime = 0;
-    const int32_t L = ed.lastResetTime;
-    const int32_t midnight = TmDayStart(now);
-    const int32_t todayFrom = TmTodayStart(midnight, L);
-    const int32_t yesterdayFrom = TmYesterdayStart(midnight, L);
-    const int32_t weekFrom = TmThisWeekStart(midnight, L);
+    const TmExportData &ed = tmCore.exportData;
+    const TmPeriodGroups g = TmZeroPeriodGroups();
+    const TmPeriodBounds b = TmPeriodBoundsAt(now);
     const int32_t runningFrom = ed.hDayList[TM_HDAY_LIST_SIZE - 2].tEnd;
-    const TmTotals month = {&ed.monthlyTx, &ed.monthlyRx, &ed.monthlyTime};
-    const TmTotals today = {&ed.todayTx, &ed.todayRx, &ed.todayTime};
-    const TmTotals yesterday = {&ed.yesterdayTx, &ed.yesterdayRx, &ed.yesterdayTime};
-    const TmTotals week = {&ed.weekTx, &ed.weekRx, &ed.weekTime};
-    const TmTotals tail = {&ed.lastMonthTailTx, &ed.lastMonthTailRx, &ed.lastMonthTailTime};
-    const TmTotals halfDay = {&ed.hDayTx, &ed.hDayRx, &ed.hDayTime};
     for (int i = 0; i < TM_HDAY_LIST_SIZE; i++) {
         const TmRecord &h = ed.hDayList[i];
-        if (h.tStart < L && h.tEnd <= L) continue;  // an earlier period's
-        TmAddFrom(month, h, L);
-        TmAddFrom(today, h, todayFrom);
-        TmAddBetween(yesterday, h, yesterdayFrom, midnight);
-        TmAddFrom(week, h, weekFrom);
+        if (h.tStart < b.L && h.tEnd <= b.L) continue;  // an earlier period's
+        TmAddToPeriods(g, b, h, 1);
     }
     for (int i = 0; i < TM_MIN_LIST_SIZE; i++) {
         const TmRecord &m = tmCore.minList[i];
-        TmAddFrom(month, m, L);
+        TmAddFrom(g.month, m, b.L);
         if (m.tStart >= runningFrom) {
-            if (m.tEnd <= L) TmAddWhole(tail, m);
-            else if (m.tStart < L) TmAddPart(tail, m, (int64_t)L - m.tStart);
+            if (m.tEnd <= b.L) TmAddWhole(g.tail, m);
+            else if (m.tStart < b.L) TmAddPart(g.tail, m, (int64_t)b.L - m.tStart);
         }
-        if (m.tEnd <= L) continue;
-        TmAddWhole(halfDay, m);
-        TmAddFrom(today, m, todayFrom);
-        TmAddBetween(yesterday, m, yesterdayFrom, midnight);
-        TmAddFrom(week, m, weekFrom);
+        if (m.tEnd <= b.L) continue;
+        TmAddWhole(g.halfDay, m);
+        TmAddToPeriods(g, b, m, 0);
     }
 }
 

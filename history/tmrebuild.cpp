@@ -144,48 +144,26 @@ int TmInitTrafficList(int bInit)
     TmReplayMinutes();
     TmFoldHalfDays();
 
-    ed.monthlyTx = ed.monthlyRx = ed.todayTx = ed.todayRx = ed.yesterdayTx = ed.yesterdayRx = 0;
-    ed.weekTx = ed.weekRx = ed.lastMonthTailTx = ed.lastMonthTailRx = 0;
-    ed.monthlyTime = ed.todayTime = ed.yesterdayTime = ed.weekTime = ed.lastMonthTailTime = 0;
-    const int32_t L = ed.lastResetTime;
-    const int32_t midnight = TmDayStart(now);
-    const int32_t todayFrom = TmTodayStart(midnight, L);
-    const int32_t yesterdayTo = midnight;
-    const int32_t yesterdayFrom = TmYesterdayStart(midnight, L);
-    const int32_t weekFrom = TmThisWeekStart(midnight, L);
-    const TmTotals month = {&ed.monthlyTx, &ed.monthlyRx, &ed.monthlyTime};
-    const TmTotals today = {&ed.todayTx, &ed.todayRx, &ed.todayTime};
-    const TmTotals yesterday = {&ed.yesterdayTx, &ed.yesterdayRx, &ed.yesterdayTime};
-    const TmTotals week = {&ed.weekTx, &ed.weekRx, &ed.weekTime};
-    const TmTotals tail = {&ed.lastMonthTailTx, &ed.lastMonthTailRx, &ed.lastMonthTailTime};
-    const TmTotals halfDay = {&ed.hDayTx, &ed.hDayRx, &ed.hDayTime};
-
+    const TmPeriodGroups g = TmZeroPeriodGroups();
+    const TmPeriodBounds b = TmPeriodBoundsAt(now);
     TmRecord r;
     for (uint32_t p = tmCore.hDayFlashStart; p < tmCore.hDayFlashStart + tmCore.hDayFlashSize; p++) {
         if (TmReadFlash(p, &r) != 0) continue;
         if (TmApportionRecord(ed.hDayList, TM_HDAY_LIST_SIZE, &r) != 0) continue;
-        if (r.tStart < L && r.tEnd <= L) continue;  // a past period's
-        TmAddFrom(month, r, L);
-        TmAddFrom(today, r, todayFrom);
-        TmAddBetween(yesterday, r, yesterdayFrom, yesterdayTo);
-        TmAddFrom(week, r, weekFrom);
+        if (r.tStart < b.L && r.tEnd <= b.L) continue;  // a past period's
+        TmAddToPeriods(g, b, r, 1);
     }
-
-    ed.hDayTx = ed.hDayRx = 0;
-    ed.hDayTime = 0;
     for (int i = 0; i < TM_MIN_LIST_SIZE; i++) {
         const TmRecord &m = tmCore.minList[i];
-        TmAddFrom(month, m, L);
-        if (m.tEnd <= L) {
-            TmAddWhole(tail, m);
+        TmAddFrom(g.month, m, b.L);
+        if (m.tEnd <= b.L) {
+            TmAddWhole(g.tail, m);
             continue;
         }
         // The tail takes its share whether a manual reset is in force or not.
-        if (m.tStart < L) TmAddPart(tail, m, (int64_t)L - m.tStart);
-        TmAddWhole(halfDay, m);
-        TmAddFrom(today, m, todayFrom);
-        TmAddBetween(yesterday, m, yesterdayFrom, yesterdayTo);
-        TmAddFrom(week, m, weekFrom);
+        if (m.tStart < b.L) TmAddPart(g.tail, m, (int64_t)b.L - m.tStart);
+        TmAddWhole(g.halfDay, m);
+        TmAddToPeriods(g, b, m, 0);
     }
     bcm_dm_WriteStatistic();
     return 1;

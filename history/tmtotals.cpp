@@ -1,6 +1,7 @@
 #include "history/tmtotals.h"
 
 #include "core/tmcore.h"
+#include "history/tmcalendar.h"
 #include "history/tmstat.h"
 
 void TmAddWhole(const TmTotals &t, const TmRecord &r)
@@ -39,4 +40,40 @@ void TmAddBetween(const TmTotals &t, const TmRecord &r, int32_t from, int32_t to
     int64_t start = r.tStart < from ? from : r.tStart;
     int64_t end = r.tEnd > to ? to : r.tEnd;
     TmAddPart(t, r, end - start);
+}
+
+TmPeriodBounds TmPeriodBoundsAt(int32_t now)
+{
+    TmPeriodBounds b;
+    b.L = tmCore.exportData.lastResetTime;
+    int32_t midnight = TmDayStart(now);
+    b.todayFrom = TmTodayStart(midnight, b.L);
+    b.yesterdayFrom = TmYesterdayStart(midnight, b.L);
+    b.yesterdayTo = midnight;
+    b.weekFrom = TmThisWeekStart(midnight, b.L);
+    return b;
+}
+
+TmPeriodGroups TmZeroPeriodGroups(void)
+{
+    TmExportData &ed = tmCore.exportData;
+    ed.monthlyTx = ed.monthlyRx = ed.todayTx = ed.todayRx = ed.yesterdayTx = ed.yesterdayRx = 0;
+    ed.weekTx = ed.weekRx = ed.lastMonthTailTx = ed.lastMonthTailRx = ed.hDayTx = ed.hDayRx = 0;
+    ed.monthlyTime = ed.todayTime = ed.yesterdayTime = ed.weekTime = ed.lastMonthTailTime = ed.hDayTime = 0;
+    TmPeriodGroups g;
+    g.month = {&ed.monthlyTx, &ed.monthlyRx, &ed.monthlyTime};
+    g.today = {&ed.todayTx, &ed.todayRx, &ed.todayTime};
+    g.yesterday = {&ed.yesterdayTx, &ed.yesterdayRx, &ed.yesterdayTime};
+    g.week = {&ed.weekTx, &ed.weekRx, &ed.weekTime};
+    g.tail = {&ed.lastMonthTailTx, &ed.lastMonthTailRx, &ed.lastMonthTailTime};
+    g.halfDay = {&ed.hDayTx, &ed.hDayRx, &ed.hDayTime};
+    return g;
+}
+
+void TmAddToPeriods(const TmPeriodGroups &g, const TmPeriodBounds &b, const TmRecord &r, int withMonth)
+{
+    if (withMonth) TmAddFrom(g.month, r, b.L);
+    TmAddFrom(g.today, r, b.todayFrom);
+    TmAddBetween(g.yesterday, r, b.yesterdayFrom, b.yesterdayTo);
+    TmAddFrom(g.week, r, b.weekFrom);
 }

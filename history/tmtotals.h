@@ -23,4 +23,22 @@ void TmAddFrom(const TmTotals &t, const TmRecord &r, int32_t from);
 // The yesterday rule: the record's time between from and to, likewise.
 void TmAddBetween(const TmTotals &t, const TmRecord &r, int32_t from, int32_t to);
 
+// The bounds of the period totals at a moment: the period start L, today,
+// yesterday (from, to) and this week, none reaching back past L.
+struct TmPeriodBounds {
+    int32_t L, todayFrom, yesterdayFrom, yesterdayTo, weekFrom;
+};
+
+// The six groups of totals of exportData.
+struct TmPeriodGroups {
+    TmTotals month, today, yesterday, week, tail, halfDay;
+};
+
+// Bounds of the totals at now, with exportData.lastResetTime as the period start.
+TmPeriodBounds TmPeriodBoundsAt(int32_t now);
+// The groups of exportData, all set to zero.
+TmPeriodGroups TmZeroPeriodGroups(void);
+// Adds a record to today, yesterday and the week by their rules, and to the month if withMonth.
+void TmAddToPeriods(const TmPeriodGroups &g, const TmPeriodBounds &b, const TmRecord &r, int withMonth);
+
 #endif
