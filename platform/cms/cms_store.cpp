@@ -134,19 +134,30 @@ bool parseObject(const char *text, size_t len, const CmsObjectType *type, void *
     return true;
 }
 
+// The field table and the file of an object instance; reports an unknown id or
+// a stack that names no file in the caller's name.
+static CmsRet resolveObject(const char *caller, MdmObjectId oid, const InstanceIdStack *stack,
+                            const CmsObjectType **type, char *path, size_t pathSize, char *name, size_t nameSize)
+{
+    *type = cmsFields_find(oid);
+    if (*type == nullptr) {
+        cmsPriv_report("%s: unknown object id %u", caller, static_cast<unsigned>(oid));
+        return CMSRET_INVALID_ARGUMENTS;
+    }
+    if (instancePath(oid, stack, path, pathSize, name, nameSize) != 0) {
+        cmsPriv_report("%s: object %u has no file for this instance stack", caller, static_cast<unsigned>(oid));
+        return CMSRET_INVALID_ARGUMENTS;
+    }
+    return CMSRET_SUCCESS;
+}
+
 CmsRet getInstance(MdmObjectId oid, const InstanceIdStack *stack, void **obj)
 {
     if (obj == nullptr) return CMSRET_INVALID_ARGUMENTS;
-    const CmsObjectType *type = cmsFields_find(oid);
-    if (type == nullptr) {
-        cmsPriv_report("cmsObj_get: unknown object id %u", static_cast<unsigned>(oid));
-        return CMSRET_INVALID_ARGUMENTS;
-    }
+    const CmsObjectType *type = nullptr;
     char path[PATH_MAX], name[64];
-    if (instancePath(oid, stack, path, sizeof path, name, sizeof name) != 0) {
-        cmsPriv_report("cmsObj_get: object %u has no file for this instance stack", static_cast<unsigned>(oid));
-        return CMSRET_INVALID_ARGUMENTS;
-    }
+    CmsRet found = resolveObject("cmsObj_get", oid, stack, &type, path, sizeof path, name, sizeof name);
+    if (found != CMSRET_SUCCESS) return found;
     char *text = nullptr;
     size_t len = 0;
     int err = readFile(path, &text, &len);
@@ -319,16 +330,10 @@ CmsRet cmsObj_set(const void *obj, const InstanceIdStack *iidStack)
 {
     if (obj == nullptr) return CMSRET_INVALID_ARGUMENTS;
     MdmObjectId oid = *static_cast<const MdmObjectId *>(obj);
-    const CmsObjectType *type = cmsFields_find(oid);
-    if (type == nullptr) {
-        cmsPriv_report("cmsObj_set: unknown object id %u", static_cast<unsigned>(oid));
-        return CMSRET_INVALID_ARGUMENTS;
-    }
+    const CmsObjectType *type = nullptr;
     char path[PATH_MAX], name[64];
-    if (instancePath(oid, iidStack, path, sizeof path, name, sizeof name) != 0) {
-        cmsPriv_report("cmsObj_set: object %u has no file for this instance stack", static_cast<unsigned>(oid));
-        return CMSRET_INVALID_ARGUMENTS;
-    }
+    CmsRet found = resolveObject("cmsObj_set", oid, iidStack, &type, path, sizeof path, name, sizeof name);
+    if (found != CMSRET_SUCCESS) return found;
 
     char *old = nullptr;
     size_t oldLen = 0;
