@@ -19,22 +19,21 @@
 
 #include <benchmark/benchmark.h>
 
-#include "tests/system/flash_image.h"
-#include "tests/system/harness.h"
+#include "tests/system/meter_util.h"
 
 namespace {
 
 using kvard::test::Sandbox;
 using kvard::test::SandboxOptions;
-using kvard::test::flash::Image;
-using kvard::test::meter::Rec;
+using kvard::test::meter::Image;
+using kvard::test::meter::kZone;
+using Rec = kvard::test::meter::Record;
 
-const char *const kZone = "Europe/Berlin";
 const char *const kClock = "2026-03-10 11:59:30";  // the last minute of a morning
 
 int32_t Local(const char *text)
 {
-    return kvard::test::meter::LocalTime(kZone, text);
+    return kvard::test::meter::T(text);
 }
 
 // The local half-day boundary before the boundary END: the local noon or
@@ -60,21 +59,23 @@ int32_t HalfDayBefore(int32_t end)
 // nothing and writes nothing: every start rebuilds the same history.
 Image FullImage()
 {
+    using kvard::test::meter::kHDayPages;
+    using kvard::test::meter::kHDayStart;
+    using kvard::test::meter::kMinPages;
     Image image;
-    const auto &g = image.geometry();
     const int32_t midnight = Local("2026-03-10 00:00:00");
     const int32_t lastMinute = Local("2026-03-10 11:58:00");
     const uint32_t newestMinutePage = 1000, newestHalfDayPage = 100;
-    for (uint32_t k = 0; k < g.MinRingPages(); k++) {
+    for (uint32_t k = 0; k < kMinPages; k++) {
         int32_t start = lastMinute - 60 * int32_t(k);
-        uint32_t page = (newestMinutePage + g.MinRingPages() - k) % g.MinRingPages();
-        image.PutMinute(page, Rec(start, start + 60, 1000 + k, 100000 + 7 * k, 0));
+        uint32_t page = (newestMinutePage + kMinPages - k) % kMinPages;
+        image.Put(page, Rec{start, start + 60, 1000 + k, 100000 + 7 * k, 0});
     }
     int32_t end = midnight;
-    for (uint32_t k = 0; k < g.HDayRingPages(); k++) {
+    for (uint32_t k = 0; k < kHDayPages; k++) {
         int32_t start = HalfDayBefore(end);
-        uint32_t page = (newestHalfDayPage + g.HDayRingPages() - k) % g.HDayRingPages();
-        image.PutHalfDay(page, Rec(start, end, 500000 + k, 50000000 + k, 0));
+        uint32_t page = (newestHalfDayPage + kHDayPages - k) % kHDayPages;
+        image.Put(kHDayStart + page, Rec{start, end, 500000 + k, 50000000 + k, 0});
         end = start;
     }
     return image;
@@ -120,7 +121,7 @@ void StartToReady(benchmark::State &state, bool full)
         state.SetIterationTime(std::chrono::duration<double>(ready - begin).count());
         box.Stop();
     }
-    auto pages = kvard::test::meter::MinuteRing(box).size() + kvard::test::meter::HalfDayRing(box).size();
+    auto pages = kvard::test::meter::Records(box, false).size() + kvard::test::meter::Records(box, true).size();
     state.counters["records"] = double(pages);
 }
 
@@ -151,7 +152,7 @@ void ZoneChange(benchmark::State &state, bool full, bool rename)
         state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
     }
     state.counters["records"] =
-        double(kvard::test::meter::MinuteRing(box).size() + kvard::test::meter::HalfDayRing(box).size());
+        double(kvard::test::meter::Records(box, false).size() + kvard::test::meter::Records(box, true).size());
 }
 
 BENCHMARK_CAPTURE(ZoneChange, same_name_no_rebuild, false, false)

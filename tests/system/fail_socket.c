@@ -1,14 +1,9 @@
-/* Test shim, preloaded into the daemon in the sandbox: every IPv4 socket
- * fails as if the system refused it, so that the start-up's socket failure
- * can be seen from outside. */
+/* Preloaded into the daemon by a test: every socket fails as if refused. */
 #include <errno.h>
-#include <sys/socket.h>
 
 int socket(int domain, int type, int protocol)
 {
-    (void)type;
-    (void)protocol;
-    (void)domain;
+    (void)domain, (void)type, (void)protocol;
     errno = EACCES;
     return -1;
 }

@@ -1,10 +1,8 @@
-// The diagnostic dumps, line by line. Expected times are worked out here from
-// the calendar by plain UTC arithmetic (the box runs in UTC).
+// The diagnostic dumps, line by line, of a meter in UTC after one minute of traffic.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <ctime>
-#include <string>
 
 #include "tests/system/harness.h"
 
@@ -12,150 +10,87 @@ namespace {
 
 using namespace kvard::test;
 
-// "YYYY-MM-DD hh:mm:ss" in UTC to epoch seconds.
-long Utc(const char *text)
+// The dumps' form of a UTC clock text: seconds, then "(YYYY/MM/DD hh:mm:ss(0)".
+std::string Dated(const std::string &text)
 {
-    struct tm f = {};
-    sscanf(text, "%d-%d-%d %d:%d:%d", &f.tm_year, &f.tm_mon, &f.tm_mday, &f.tm_hour, &f.tm_min, &f.tm_sec);
-    f.tm_year -= 1900;
-    f.tm_mon -= 1;
-    return (long)timegm(&f);
+    struct tm tm = {};
+    strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &tm);
+    char out[64];
+    strftime(out, sizeof out, "(%Y/%m/%d %H:%M:%S(0)", &tm);
+    return std::to_string(timegm(&tm)) + out;
 }
-
-// The dumps' date form of a UTC moment: "%lu(YYYY/MM/DD hh:mm:ss(0)".
-std::string Dated(const char *text)
+std::string Entry(int index, const std::string &start, const std::string &end, const char *figures = "0 rx: 0")
 {
-    char buf[64];
-    int y, mo, d, h, mi, s;
-    sscanf(text, "%d-%d-%d %d:%d:%d", &y, &mo, &d, &h, &mi, &s);
-    snprintf(buf, sizeof buf, "%ld(%04d/%02d/%02d %02d:%02d:%02d(0)", Utc(text), y, mo, d, h, mi, s);
-    return buf;
+    return "Index: " + std::to_string(index) + " Start: " + Dated(start) + " End: " + Dated(end) + " tx: " + figures +
+           " Time: 0 \n";
 }
-
-// Output that appeared after a mark.
-std::string After(const std::string &all, const std::string &mark)
+// The output of dump CODE: what follows a heartbeat sent just before it, once LAST is there.
+std::string Dump(Sandbox &box, uint16_t code, int32_t reply, const std::string &last)
 {
-    size_t at = all.rfind(mark);
-    return at == std::string::npos ? std::string() : all.substr(at + mark.size());
+    std::string mark = "dump" + std::to_string(code);
+    EXPECT_EQ(box.Send(kHeartbeat, mark + std::string(1, '\0')), 0);
+    EXPECT_TRUE(box.WaitStdout("Heart Beat: " + mark + "\n"));
+    EXPECT_EQ(box.Send(code), reply);
+    EXPECT_TRUE(box.WaitStdout(last, milliseconds(10000)));
+    std::string out = box.Stdout();
+    return out.substr(out.rfind("Heart Beat: " + mark + "\n") + mark.size() + 13);
 }
+size_t Lines(const std::string &text) { return std::count(text.begin(), text.end(), '\n'); }
 
-class Dump : public ::testing::Test {
-protected:
-    Sandbox box{[] {
-        SandboxOptions o;
-        o.time = "2026-03-10 09:59:30";
-        o.zone = "UTC";
-        return o;
-    }()};
-    void SetUp() override
-    {
-        box.SetNetDev({{"eth0.1", 5000, 3000}});
-        box.Start();
-        ASSERT_TRUE(box.WaitReady());
-    }
-    // Sends a heartbeat with a mark, then the dump; returns the dump's output.
-    std::string Run(uint16_t code, int32_t reply, const std::string &last)
-    {
-        std::string mark = "Heart Beat: mark" + std::to_string(code) + "\n";
-        EXPECT_EQ(box.Send(kHeartbeat, mark.substr(12, mark.size() - 13) + std::string(1, '\0')), 0);
-        EXPECT_TRUE(box.WaitStdout(mark));
-        EXPECT_EQ(box.Send(code), reply);
-        EXPECT_TRUE(box.WaitStdout(last, std::chrono::milliseconds(10000)));
-        return After(box.Stdout(), mark);
-    }
-};
-
-TEST_F(Dump, the_state_dump_line_by_line)
+TEST(Dump, every_dump_line_by_line)
 {
-    std::string out = Run(100, 0, "Next Flash Index min:");
-    std::string expected = "Minute Flash Size: 2304\n"
-                           "Minute Flash Start: 0\n"
-                           "Half Day Flash Size: 256\n"
-                           "Half Day Flash Start: 2304\n"
-                           "Latest Half Day time: 0=Thu Jan  1 00:00:00 1970\n"
-                           "Last Tx:3000 Rx:5000 Init Link Up Rx:0\n"
-                           "Last Minute tx:0 rx:0\n"
-                           "WAN: DHCP/STATIC\n"
-                           "Time Sync:1 Time Zone:UTC\n"
-                           "Last Reset Time: " + Dated("2026-03-01 00:00:00") +
-                           " Next Reset Time: " + Dated("2026-04-01 00:00:00") + "\n" +
-                           "Base Minute Time: " + Dated("2026-03-10 00:00:00") +
-                           " Next Minute Time: " + Dated("2026-03-10 10:00:00") + "\n" +
-                           "Next Half Day Time: " + Dated("2026-03-10 12:00:00") + "\n" +
-                           "Next Flash Index min:0 hday:2304\n";
-    EXPECT_EQ(out, expected);
-}
+    SandboxOptions options;
+    options.time = "2026-03-10 09:59:30";
+    Sandbox box(options);
+    box.SetNetDev({{"eth0.1", 5000, 3000}});
+    box.Start();
+    ASSERT_TRUE(box.WaitReady());
+    EXPECT_EQ(Dump(box, 100, 0, "Next Flash Index min:"),
+              "Minute Flash Size: 2304\nMinute Flash Start: 0\nHalf Day Flash Size: 256\nHalf Day Flash Start: 2304\n"
+              "Latest Half Day time: 0=Thu Jan  1 00:00:00 1970\nLast Tx:3000 Rx:5000 Init Link Up Rx:0\n"
+              "Last Minute tx:0 rx:0\nWAN: DHCP/STATIC\nTime Sync:1 Time Zone:UTC\nLast Reset Time: " +
+                  Dated("2026-03-01 00:00:00") + " Next Reset Time: " + Dated("2026-04-01 00:00:00") +
+                  "\nBase Minute Time: " + Dated("2026-03-10 00:00:00") + " Next Minute Time: " +
+                  Dated("2026-03-10 10:00:00") + "\nNext Half Day Time: " + Dated("2026-03-10 12:00:00") +
+                  "\nNext Flash Index min:0 hday:2304\n");
 
-TEST_F(Dump, the_list_dump_prints_every_entry_of_both_lists)
-{
     box.SetNetDev({{"eth0.1", 5000 + 777, 3000 + 111}});
     box.SetTime("2026-03-10 10:00:00");
     ASSERT_EQ(box.Send(kTimeWake), 1);
-    std::string out = Run(101, 0, "Index: 123 Start: " + Dated("2026-03-10 00:00:00"));
-    // The minute of 09:59 is entry 599 of the list that starts at midnight.
-    EXPECT_NE(out.find("Index: 599 Start: " + Dated("2026-03-10 09:59:00") + " End: " +
-                       Dated("2026-03-10 10:00:00") + " tx: 111 rx: 777 Time: 0 \n"),
-              std::string::npos)
-        << out.substr(0, 2000);
-    EXPECT_NE(out.find("Index: 0 Start: " + Dated("2026-03-10 00:00:00") + " End: " + Dated("2026-03-10 00:01:00") +
-                       " tx: 0 rx: 0 Time: 0 \n"),
-              std::string::npos);
-    EXPECT_NE(out.find("Minute List:\nIndex: 0 "), std::string::npos);
-    EXPECT_NE(out.find("Index: 719 Start: " + Dated("2026-03-10 11:59:00")), std::string::npos);
-    EXPECT_NE(out.find("Half Day List:\nIndex: 0 Start: " + Dated("2026-01-07 12:00:00") + " End: " +
-                       Dated("2026-01-08 00:00:00") + " tx: 0 rx: 0 Time: 0 \n"),
-              std::string::npos);
-    EXPECT_NE(out.find("Index: 123 Start: " + Dated("2026-03-10 00:00:00") + " End: " +
-                       Dated("2026-03-10 12:00:00") + " tx: 0 rx: 0 Time: 0 \n"),
-              std::string::npos);
-}
+    // The state again, then both lists: the minutes from midnight, the half-days back from today's morning.
+    std::string lists = Dump(box, 101, 0, "Index: 123 Start: " + Dated("2026-03-10 00:00:00"));
+    for (const std::string &entry :
+         {"Next Flash Index min:1 hday:2304\nTmp Minute List:\nTmp Half Day List:\nMinute List:\n" +
+              Entry(0, "2026-03-10 00:00:00", "2026-03-10 00:01:00"),
+          Entry(599, "2026-03-10 09:59:00", "2026-03-10 10:00:00", "111 rx: 777"),
+          Entry(719, "2026-03-10 11:59:00", "2026-03-10 12:00:00"),
+          "Half Day List:\n" + Entry(0, "2026-01-07 12:00:00", "2026-01-08 00:00:00"),
+          Entry(123, "2026-03-10 00:00:00", "2026-03-10 12:00:00")})
+        EXPECT_NE(lists.find(entry), std::string::npos) << entry;
+    EXPECT_EQ(Lines(lists), 13u + 4 + 720 + 124);
 
-TEST_F(Dump, the_ring_dumps_print_every_page_and_the_raw_dump_every_readable_one)
-{
-    box.SetNetDev({{"eth0.1", 5000 + 777, 3000 + 111}});
-    box.SetTime("2026-03-10 10:00:00");
-    ASSERT_EQ(box.Send(kTimeWake), 1);
-    std::string minutes = Run(102, 1, "Index: 2303 | of: 4716544 READ FAIL: Length Mismatch\n");
+    // The rings page by page: the minute just written, then empty pages.
+    std::string minutes = Dump(box, 102, 1, "Index: 2303 | of: 4716544 READ FAIL: Length Mismatch\n");
     EXPECT_EQ(minutes.find("Index:   0 | of: 0 tx:111 rx:777 used:0 tStart:2026/03/10 09:59:00 d:0 "
-                           "tEnd:2026/03/10 10:00:00 d:0\n"
-                           "Index:   1 | of: 2048 READ FAIL: Length Mismatch\n"),
-              0u)
-        << minutes.substr(0, 300);
-    size_t lines = 0;
-    for (char c : minutes) lines += c == '\n';
-    EXPECT_EQ(lines, 2304u);
-    std::string halfDays = Run(103, 1, "Index: 2559 | of: 5240832 READ FAIL: Length Mismatch\n");
+                           "tEnd:2026/03/10 10:00:00 d:0\nIndex:   1 | of: 2048 READ FAIL: Length Mismatch\n"), 0u);
+    EXPECT_EQ(Lines(minutes), 2304u);
+    std::string halfDays = Dump(box, 103, 1, "Index: 2559 | of: 5240832 READ FAIL: Length Mismatch\n");
     EXPECT_EQ(halfDays.find("Index: 2304 | of: 4718592 READ FAIL: Length Mismatch\n"), 0u);
-    lines = 0;
-    for (char c : halfDays) lines += c == '\n';
-    EXPECT_EQ(lines, 256u);
-    std::string raw = Run(104, 1, "Index 4095: ff ff ff ff ff ff ff ff ff ff \n");
-    EXPECT_EQ(raw.find("Index 0: 20 00 00 00 "), 0u) << raw.substr(0, 200);
+    EXPECT_EQ(Lines(halfDays), 256u);
+    std::string raw = Dump(box, 104, 1, "Index 4095: ff ff ff ff ff ff ff ff ff ff \n");
+    EXPECT_EQ(raw.find("Index 0: 20 00 00 00 "), 0u);
     EXPECT_NE(raw.find("\nIndex 1: ff ff ff ff ff ff ff ff ff ff \n"), std::string::npos);
-    lines = 0;
-    for (char c : raw) lines += c == '\n';
-    EXPECT_EQ(lines, 4096u);
-}
+    EXPECT_EQ(Lines(raw), 4096u);
 
-TEST_F(Dump, with_debug_printing_a_configuration_update_prints_the_settings)
-{
+    // The settings, printed by an update while debug output is on.
     box.UpdateObject("2888", {{"volume_monthly_limit", "1500"}, {"mark", "100"}, {"round_up_volume", "2000"},
                               {"day", "15"}, {"hour", "7"}, {"min", "30"}, {"block_on", "true"}});
     ASSERT_EQ(box.Send(4436, std::string("\x3e\x14\x00\x00\x00", 5)), 1);
     ASSERT_EQ(box.Send(kConfigUpdate), 1);
-    EXPECT_TRUE(box.WaitStdout("TM Config:\n"
-                               "Enable:1\n"
-                               "Round Off Value:2000\n"
-                               "Reset Day:15\n"
-                               "Reset Hour:7\n"
-                               "Reset Minute:30\n"
-                               "Limit Type:0(0:none 1:rx: 2:tx+rx 3: time)\n"
-                               "Limit Volumn(MBytes):1500\n"
-                               "Warn Volumn(MBytes):1400\n"
-                               "Limit Time(hours):0\n"
-                               "Warn Time(hours):0\n"
-                               "Disconnect when over limit:1\n"
-                               "LED to flashing green/amber:0\n"));
+    EXPECT_TRUE(box.WaitStdout("TM Config:\nEnable:1\nRound Off Value:2000\nReset Day:15\nReset Hour:7\n"
+                               "Reset Minute:30\nLimit Type:0(0:none 1:rx: 2:tx+rx 3: time)\n"
+                               "Limit Volumn(MBytes):1500\nWarn Volumn(MBytes):1400\nLimit Time(hours):0\n"
+                               "Warn Time(hours):0\nDisconnect when over limit:1\nLED to flashing green/amber:0\n"));
 }
 
 }  // namespace

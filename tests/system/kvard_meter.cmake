@@ -1,5 +1,5 @@
-# The metering loop of the production daemon: timer wake, link and clock
-# events, half-day close and period roll-overs.
-kvard_system_test(kvard_meter_wake_test SOURCES kvard_meter_wake_test.cpp LIBS kvard_harness)
-kvard_system_test(kvard_meter_link_test SOURCES kvard_meter_link_test.cpp LIBS kvard_harness)
-kvard_system_test(kvard_meter_rollover_test SOURCES kvard_meter_rollover_test.cpp LIBS kvard_harness)
+# The metering loop and the history of the production daemon: wakes, link and
+# clock events, roll-overs, the rebuild from crafted flash images, and a model.
+foreach(test kvard_meter_test kvard_rebuild_test kvard_invariant_test)
+  kvard_system_test(${test} SOURCES ${test}.cpp LIBS kvard_harness)
+endforeach()

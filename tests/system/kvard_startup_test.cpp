@@ -1,246 +1,109 @@
-// The production daemon's start-up and signals, in the sandbox.
-#include <gtest/gtest.h>
-
-#include <csignal>
+// The daemon's start-up, every way it fails, and its signals.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <unistd.h>
+
+#include <csignal>
 #include <fstream>
-#include <iterator>
-#include <string>
+#include <sstream>
 
 #include "tests/system/harness.h"
 
+namespace kvard::test {
 namespace {
 
-using namespace kvard::test;
-using std::chrono::milliseconds;
+struct Row {
+    const char *what;
+    std::vector<std::string> args = {};  // after kvard; {"second"}: a second instance
+    bool mtd = true, lock = false;
+    const char *mode = nullptr, *removed = nullptr, *env = "NONE=";
+    int exit = -1;  // -1: it runs and answers
+    const char *out = "operationMode = RT", *err = "";
+};
 
-std::string Kvard()
-{
-    return InstalledPrefix() + "/sbin/kvard";
-}
-
-// A sandbox whose program is kvard with the given arguments.
-SandboxOptions WithArgs(std::vector<std::string> args)
-{
-    SandboxOptions o;
-    o.command = {Kvard()};
-    o.command.insert(o.command.end(), args.begin(), args.end());
-    return o;
-}
-
-TEST(Startup, runs_with_no_argument_and_answers_on_the_control_port)
-{
-    Sandbox box;
-    box.Start();
-    ASSERT_TRUE(box.WaitReady());
-    EXPECT_EQ(box.Send(kHeartbeat), 0);
-    EXPECT_TRUE(box.WaitStdout("operationMode = RT"));
-    EXPECT_EQ(box.Status(), kRunning);
-}
-
-TEST(Startup, a_path_of_99_characters_is_accepted_and_one_of_100_is_refused)
-{
-    {
-        Sandbox box(WithArgs({std::string(99, 'p')}));
-        box.Start();
-        ASSERT_TRUE(box.WaitReady());
-    }
-    {
-        Sandbox box(WithArgs({std::string(100, 'p')}));
-        box.Start();
-        EXPECT_EQ(box.WaitExit(), Exited(0));
-        EXPECT_TRUE(box.WaitStdout("KVARD: Fail to initialize core module!\n"));
-        EXPECT_EQ(box.Stdout().find("Read Config"), std::string::npos) << "refused before anything was read";
-    }
-}
-
-TEST(Startup, an_empty_path_runs)
-{
-    Sandbox box(WithArgs({""}));
-    box.Start();
-    ASSERT_TRUE(box.WaitReady());
-    EXPECT_EQ(box.Send(kHeartbeat), 0);
-}
-
-TEST(Startup, only_exactly_RT_is_router_mode)
-{
-    struct Case {
-        const char *mode;   // nullptr: no operation-mode object at all
-        bool runs;
-        const char *printed;
-    } cases[] = {
-        {"RT", true, "operationMode = RT"},
-        {"", true, "operationMode = RT"},
-        {nullptr, true, "operationMode = RT"},
-        {"RTX", false, "operationMode = RTX"},
-        {"AP", false, "operationMode = AP"},
-        {"rt", false, "operationMode = rt"},
-        {"RT      extender", false, "operationMode = RT     "},  // cut to seven characters
+TEST(Startup, each_row_runs_or_ends_with_its_lines_and_status) {
+    const std::string kvard = InstalledPrefix() + "/sbin/kvard", core = "KVARD: Fail to initialize core module!\n";
+    std::stringstream shim;
+    shim << std::ifstream(getenv("KVARD_FAIL_SOCKET_LIB"), std::ios::binary).rdbuf();
+    const Row rows[] = {
+        {.what = "no argument"},
+        {.what = "99-character path", .args = {std::string(99, 'p')}},
+        {.what = "100-character path", .args = {std::string(100, 'p')}, .exit = 0, .out = core.c_str()},
+        {.what = "empty path", .args = {""}},
+        {.what = "empty mode", .mode = ""},
+        {.what = "no mode object", .removed = "2700"},
+        {.what = "RTX", .mode = "RTX", .exit = 0, .out = "operationMode = RTX",
+         .err = "Traffic meter is only running at router mode"},
+        {.what = "rt", .mode = "rt", .exit = 0, .out = "operationMode = rt", .err = "only running at router mode"},
+        {.what = "cut to seven", .mode = "RT      x", .exit = 0, .out = "operationMode = RT     ",
+         .err = "only running at router mode"},
+        {.what = "no tm partition", .mtd = false, .exit = 0,
+         .out = "Init MTD fail\nInitialize Flash fail!\nKVARD: Fail to initialize core module!\n"},
+        {.what = "no settings", .removed = "2888", .exit = 0, .out = "Could not get MDMOID_ORNA_TRAFFIC_METER, ret="},
+        {.what = "locked store counts as RT", .lock = true, .env = "KVARD_MDM_LOCK_MAX_MS=200", .exit = 0,
+         .out = "operationMode = RTRead Config  fail\nKVARD: Fail to initialize core module!\n",
+         .err = "could not get lock, ret="},
+        {.what = "messaging", .env = "KVARD_MSG_FAIL=7", .exit = 1, .out = "", .err = "cmsMsg_init failed, ret = 7"},
+        {.what = "store", .env = "KVARD_MDM_DIR=/usr/none", .exit = 1, .out = "", .err = "cmsMdm_init failed, ret = "},
+        {.what = "socket", .env = "LD_PRELOAD=/tmp/fail_socket.so", .exit = 1, .out = "traffic_on =true",
+         .err = "KVARD: Fail to create socket!\n: Permission denied\n"},
+        {.what = "second instance", .args = {"second"}, .exit = 1, .out = "traffic_on =true",
+         .err = "KVARD: Fail to bind socket!\n: Address already in use\n"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.mode ? c.mode : "(no object)");
-        Sandbox box;
-        if (c.mode) box.WriteObject("2700", {{"operationMode", c.mode}});
-        else box.RemoveFile("var/lib/kvard/mdm/2700");
-        box.Start();
-        if (c.runs) {
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        SandboxOptions options{.mtd = row.mtd, .command = {kvard}};
+        options.command.insert(options.command.end(), row.args.begin(), row.args.end());
+        // The second daemon starts once the first, in the background, has bound the port.
+        if (row.args == std::vector<std::string>{"second"})
+            options.command = {"/bin/sh", "-c", kvard + " >/dev/null 2>&1 & while ! grep -q ':58C4' /.proc/net/udp; "
+                                                        "do sleep 0.05; done; exec " + kvard};
+        Sandbox box(options);
+        box.WriteFile("tmp/fail_socket.so", shim.str());
+        if (row.mode) box.WriteObject("2700", {{"operationMode", row.mode}});
+        if (row.removed) box.RemoveFile("var/lib/kvard/mdm/" + std::string(row.removed));
+        int lock = open((box.StoreDir() + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        ASSERT_EQ(row.lock ? flock(lock, LOCK_EX) : 0, 0);
+        box.Start({row.env});
+        if (row.exit < 0) {
             ASSERT_TRUE(box.WaitReady());
-            EXPECT_TRUE(box.WaitStdout(c.printed));
+            EXPECT_EQ(box.Send(kHeartbeat), 0);
         } else {
-            EXPECT_EQ(box.WaitExit(), Exited(0));
-            EXPECT_TRUE(box.WaitStdout(c.printed));
-            EXPECT_TRUE(box.WaitStderr("main:"));
-            EXPECT_NE(box.Stderr().find("Traffic meter is only running at router mode"), std::string::npos);
-            EXPECT_EQ(box.ReadFile("sandbox/mtd.img"), std::nullopt) << "no flash was opened";
-            // The traffic meter's objects keep what they held.
-            EXPECT_EQ(box.ReadObject("2889"), StoreObject{});
+            EXPECT_EQ(box.WaitExit(), Exited(row.exit));
         }
+        close(lock);
+        EXPECT_TRUE(box.WaitStdout(row.out));
+        EXPECT_TRUE(box.WaitStderr(row.err));
+        EXPECT_TRUE(*row.out || box.Stdout().find("operationMode") == std::string::npos) << "ended before the mode";
     }
 }
 
-TEST(Startup, the_mode_is_router_mode_when_the_lock_cannot_be_had)
-{
-    Sandbox box;
-    // This test holds the store's lock for the daemon's whole run; its waits
-    // are cut to 200 ms so that the 30 s timeouts pass quickly.
-    int lock = open((box.StoreDir() + "/.lock").c_str(), O_RDWR | O_CREAT, 0644);
-    ASSERT_GE(lock, 0);
-    ASSERT_EQ(flock(lock, LOCK_EX), 0);
-    box.Start({"KVARD_MDM_LOCK_MAX_MS=200"});
-    // The mode read fails on the lock and counts as "RT", so start-up goes on to
-    // the settings, which fail on the lock too: the core's failure, status 0.
-    EXPECT_EQ(box.WaitExit(), Exited(0));
-    close(lock);
-    std::string out = box.Stdout();
-    EXPECT_NE(out.find("operationMode = RT"), std::string::npos) << out;
-    EXPECT_NE(out.find("Read Config  fail\nKVARD: Fail to initialize core module!\n"), std::string::npos) << out;
-    EXPECT_NE(box.Stderr().find("could not get lock, ret="), std::string::npos) << box.Stderr();
-    EXPECT_EQ(box.Stderr().find("only running at router mode"), std::string::npos);
-}
-
-TEST(Startup, each_platform_failure_ends_with_its_line_and_status)
-{
-    struct Case {
-        const char *claim;
-        const char *env;
-        const char *logLine;
-    } cases[] = {
-        {"messaging fails", "KVARD_MSG_FAIL=7", "cmsMsg_init failed, ret = 7"},
-        {"the data model can't be set up", "KVARD_MDM_DIR=/usr/kvard-no-such-store", "cmsMdm_init failed, ret = "},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.claim);
-        Sandbox box;
-        box.Start({c.env});
-        EXPECT_EQ(box.WaitExit(), Exited(1));
-        EXPECT_TRUE(box.WaitStderr(c.logLine));
-        EXPECT_NE(box.Stderr().find("main:"), std::string::npos) << box.Stderr();
-        EXPECT_EQ(box.Stdout().find("operationMode"), std::string::npos) << "ended before the mode check";
-    }
-}
-
-TEST(Startup, without_a_tm_partition_the_core_fails_and_the_status_is_0)
-{
-    SandboxOptions o;
-    o.mtd = false;
-    Sandbox box(o);
-    box.Start();
-    EXPECT_EQ(box.WaitExit(), Exited(0));
-    EXPECT_TRUE(box.WaitStdout("Init MTD fail\nInitialize Flash fail!\nKVARD: Fail to initialize core module!\n"));
-}
-
-TEST(Startup, an_unreadable_settings_object_fails_the_core)
-{
-    Sandbox box;
-    box.RemoveFile("var/lib/kvard/mdm/2888");
-    box.Start();
-    EXPECT_EQ(box.WaitExit(), Exited(0));
-    EXPECT_TRUE(box.WaitStdout("Could not get MDMOID_ORNA_TRAFFIC_METER, ret="));
-    EXPECT_TRUE(box.WaitStdout("Read Config  fail\nKVARD: Fail to initialize core module!\n"));
-}
-
-TEST(Startup, a_socket_that_cannot_be_created_ends_with_status_1_after_the_core_started)
-{
-    const char *shim = getenv("KVARD_FAIL_SOCKET_LIB");
-    ASSERT_NE(shim, nullptr);
-    std::ifstream in(shim, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    ASSERT_FALSE(bytes.empty());
-    Sandbox box;
-    box.WriteFile("tmp/fail_socket.so", bytes);
-    box.Start({"LD_PRELOAD=/tmp/fail_socket.so"});
-    EXPECT_EQ(box.WaitExit(), Exited(1));
-    EXPECT_TRUE(box.WaitStderr("KVARD: Fail to create socket!\n: Permission denied\n"));
-    EXPECT_NE(box.Stdout().find("traffic_on =true"), std::string::npos) << "the core had started";
-}
-
-TEST(Startup, a_second_instance_does_all_of_its_start_and_fails_at_bind)
-{
-    SandboxOptions o;
-    // The first daemon runs in the background; once it has bound the port the
-    // second starts in its place, as the box's program.
-    o.command = {"/bin/sh", "-c",
-                 Kvard() + " >/tmp/first.out 2>&1 & "
-                           "while ! grep -q ':58C4' /.proc/net/udp; do sleep 0.05; done; exec " +
-                     Kvard()};
-    Sandbox box(o);
-    box.Start();
-    EXPECT_EQ(box.WaitExit(), Exited(1));
-    std::string out = box.Stdout(), err = box.Stderr();
-    EXPECT_NE(out.find("operationMode = RT"), std::string::npos) << out;
-    EXPECT_NE(out.find("traffic_on =true"), std::string::npos) << "the settings were read: " << out;
-    EXPECT_NE(err.find("KVARD: Fail to bind socket!\n: Address already in use"), std::string::npos) << err;
-}
-
-TEST(Signals, hangup_interrupt_and_quit_are_logged_and_the_loop_goes_on)
-{
+TEST(Signals, hup_int_quit_are_logged_usr1_usr2_switch_debug_term_writes_nothing) {
     Sandbox box;
     box.Start();
     ASSERT_TRUE(box.WaitReady());
-    struct Case {
+    struct {
         int signal;
-        const char *line;
-    } cases[] = {{SIGHUP, "Get a signal --- SIGHUP \n"},
-                 {SIGINT, "Get a signal --- SIGINT \n"},
-                 {SIGQUIT, "Get a signal --- SIGQUIT \n"}};
-    for (const Case &c : cases) {
-        box.Signal(c.signal);
-        EXPECT_TRUE(box.WaitStderr(c.line)) << c.line;
-        EXPECT_EQ(box.Send(kHeartbeat), 0) << "still answering after " << c.line;
+        const char *err, *heartbeat, *out;
+    } rows[] = {
+        {SIGHUP, "Get a signal --- SIGHUP \n", "h", "Heart Beat: h\n"},
+        {SIGINT, "Get a signal --- SIGINT \n", "i", "Heart Beat: i\n"},
+        {SIGQUIT, "Get a signal --- SIGQUIT \n", "q", "Heart Beat: q\n"},
+        // The pass after the signal prints the loop's debug lines.
+        {SIGUSR1, "Get a signal --- SIGUSR \n", "on", "Heart Beat: on\nKVARD select wait for sec=3 usec=0\n"},
+        {SIGUSR2, "", "off", "Heart Beat: off\n"},
+        {0, "", "still", "Heart Beat: still\n"},
+    };
+    for (const auto &row : rows) {
+        if (row.signal) box.Signal(row.signal);
+        EXPECT_TRUE(box.WaitStderr(row.err));
+        EXPECT_EQ(box.Send(kHeartbeat, std::string(row.heartbeat) + '\0'), 0) << row.heartbeat;
+        EXPECT_TRUE(box.WaitStdout(row.out));
     }
-    EXPECT_NE(box.Stderr().find("SigRoutine:"), std::string::npos) << box.Stderr();
-    EXPECT_EQ(box.Status(), kRunning);
-}
-
-TEST(Signals, sigusr1_twice_turns_debug_printing_on_and_off)
-{
-    Sandbox box;
-    box.Start();
-    ASSERT_TRUE(box.WaitReady());
-    box.Signal(SIGUSR1);
-    EXPECT_TRUE(box.WaitStderr("Get a signal --- SIGUSR \n"));
-    // The pass after the signal prints the debug lines of the loop.
-    ASSERT_EQ(box.Send(kHeartbeat, std::string("one\0", 4)), 0);
-    EXPECT_TRUE(box.WaitStdout("Heart Beat: one\nKVARD select wait for sec=3 usec=0\n"));
-    box.Signal(SIGUSR2);
-    ASSERT_EQ(box.Send(kHeartbeat, std::string("two\0", 4)), 0);
-    ASSERT_TRUE(box.WaitStdout("Heart Beat: two\n"));
-    ASSERT_EQ(box.Send(kHeartbeat, std::string("three\0", 6)), 0);
-    ASSERT_TRUE(box.WaitStdout("Heart Beat: three\n"));
     std::string out = box.Stdout();
-    std::string tail = out.substr(out.find("Heart Beat: two\n"));
-    EXPECT_EQ(tail.find("KVARD select"), std::string::npos) << "debug printing is off again: " << tail;
-}
-
-TEST(Signals, sigterm_ends_the_daemon_with_nothing_written)
-{
-    Sandbox box;
-    box.Start();
-    ASSERT_TRUE(box.WaitReady());
-    auto statistics = box.ReadObject("2889");
-    auto settings = box.ReadObject("2888");
+    EXPECT_EQ(out.find("KVARD select", out.find("Heart Beat: off\n")), std::string::npos) << "debug is off again";
+    auto statistics = box.ReadObject("2889"), settings = box.ReadObject("2888");
     auto image = box.ReadFile("sandbox/mtd.img");
     box.Signal(SIGTERM);
     EXPECT_EQ(box.WaitExit(), Killed(SIGTERM));
@@ -250,3 +113,4 @@ TEST(Signals, sigterm_ends_the_daemon_with_nothing_written)
 }
 
 }  // namespace
+}  // namespace kvard::test

@@ -1,15 +1,9 @@
-# The harness that system tests drive the sandbox with, and the sandbox's own
-# test: a probe program runs in the box in the daemon's place.
+# The harness that system tests drive the sandbox with, and the test of the
+# sandbox and of tmctl: a probe program runs in the box in the daemon's place.
 add_library(kvard_harness STATIC ${CMAKE_CURRENT_LIST_DIR}/harness.cpp ${CMAKE_SOURCE_DIR}/tools/sandbox/stublog.cpp)
 target_include_directories(kvard_harness PUBLIC ${CMAKE_SOURCE_DIR})
 target_link_libraries(kvard_harness PUBLIC GTest::gtest)
-
 add_executable(sandbox_probe ${CMAKE_CURRENT_LIST_DIR}/probe.cpp)
-
 kvard_system_test(sandbox_test SOURCES ${CMAKE_CURRENT_LIST_DIR}/sandbox_test.cpp LIBS kvard_harness
                   ENV "SANDBOX_PROBE=$<TARGET_FILE:sandbox_probe>")
-# The stage installs the runner; the probe is run from the build tree.
-add_dependencies(sandbox_test sandbox_probe kvard-sandbox sandbox-helper)
-if(KVARD_SANITIZE)
-  target_compile_definitions(sandbox_test PRIVATE KVARD_TEST_SANITIZED=1)
-endif()
+add_dependencies(sandbox_test sandbox_probe)

@@ -1,564 +1,441 @@
-// The proportional share, the apportioning of a record over buckets, and the
-// period statistics. The clock is replaced at link time (time is wrapped), the
-// WAN counters are the simulated ones, and a WAN read that isn't simulated
-// fails on an empty temporary data model.
+// The meter's figures: settings and WAN counters in; calendar, binary32 shares and statistics; side files and text
+// out. A temporary store is the data model. Wrapped at link time: fopen (/proc/net/dev and the side files lead into
+// the store's directory), the data-model lock (counted) and time() (the test's own clock).
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <random>
 #include <string>
+#include <sys/file.h>
 
 #include "core/tmcore.h"
+#include "history/tmcalendar.h"
+#include "history/tmsidefile.h"
 #include "history/tmstat.h"
+#include "platform/bcm_dm_util.h"
+#include "platform/cms/cms.h"
+#include "platform/tmtext.h"
+#include "platform/tmwan.h"
 #include "tests/unit/cms_tempstore.h"
 
 namespace {
-bool fakeClockOn;
-int32_t fakeClock;
+std::string redirect;  // empty: no redirection
+int netDevOpens, lockCalls;
+int32_t fakeClock;     // 0: the real clock
 }  // namespace
+
+extern "C" FILE *__real_fopen(const char *path, const char *mode);
+extern "C" FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    bool netDev = strcmp(path, "/proc/net/dev") == 0;
+    netDevOpens += netDev;
+    if (redirect.empty() || !(netDev || strncmp(path, "/data/", 6) == 0 || strncmp(path, "/tmp/tm", 7) == 0))
+        return __real_fopen(path, mode);
+    return __real_fopen((redirect + (strrchr(path, '/') + 1)).c_str(), mode);
+}
+
+extern "C" CmsRet __real_cmsLck_acquireLockWithTimeoutTraced(const char *caller, uint32_t timeoutMs);
+extern "C" CmsRet __wrap_cmsLck_acquireLockWithTimeoutTraced(const char *caller, uint32_t timeoutMs)
+{
+    lockCalls++;
+    return __real_cmsLck_acquireLockWithTimeoutTraced(caller, timeoutMs);
+}
 
 extern "C" time_t __real_time(time_t *out);
 extern "C" time_t __wrap_time(time_t *out)
 {
-    if (!fakeClockOn) return __real_time(out);
-    if (out) *out = fakeClock;
-    return fakeClock;
+    return fakeClock ? (out ? *out = fakeClock : fakeClock) : __real_time(out);
 }
 
 namespace {
 
-void Zone(const char *zone)
+// "enable roundOff resetDay@hour:minute vLimit/warn tLimit/warn disconnect,led type".
+std::string Describe(const TmConfig &c)
 {
-    setenv("TZ", zone, 1);
-    tzset();
+    char s[200];
+    snprintf(s, sizeof s, "%u %llu %u@%u:%u v%llu/%llu t%d/%d %u,%u type%u", c.enable, (unsigned long long)c.roundOff,
+             c.resetDay, c.resetHour, c.resetMinute, (unsigned long long)c.limitVol, (unsigned long long)c.warnVol,
+             c.limitTime, c.warnTime, c.disconnectLimit, c.ledflashLimit, c.limitType);
+    return s;
 }
 
-// "YYYY-MM-DD hh:mm:ss+HH:MM" to epoch seconds by UTC arithmetic alone.
+TEST(ReadConfig, converts_every_setting_as_the_router_always_has_or_fails_leaving_the_record)
+{
+    const struct { const char *store, *expect; } cases[] = {
+        {"", "0 0 1@0:0 v0/0 t0/0 0,0 type0"},
+        {"traffic_on=true\nblock_on=true\nled_on=true", "1 0 1@0:0 v0/0 t0/0 1,1 type0"},
+        {"traffic_on=TRUE\nblock_on=yes\nled_on=1", "0 0 1@0:0 v0/0 t0/0 0,0 type0"},
+        {"hour=11\nampm_sel=true", "0 0 1@23:0 v0/0 t0/0 0,0 type0"},
+        {"hour=12\nampm_sel=true", "0 0 1@24:0 v0/0 t0/0 0,0 type0"},
+        {"hour=12\nampm_sel=false", "0 0 1@12:0 v0/0 t0/0 0,0 type0"},
+        {"hour=12", "0 0 1@12:0 v0/0 t0/0 0,0 type0"},
+        {"ampm_sel=true", "0 0 1@0:0 v0/0 t0/0 0,0 type0"},
+        {"day=0\nmin=59", "0 0 0@0:59 v0/0 t0/0 0,0 type0"},
+        {"volcontrl=true\ncontrl_type=\nvolume_monthly_limit=1000", "0 0 1@0:0 v1000000000/0 t0/0 0,0 type2"},
+        {"volcontrl=true", "0 0 1@0:0 v0/0 t0/0 0,0 type2"},
+        {"volcontrl=true\ncontrl_type=Download only", "0 0 1@0:0 v0/0 t0/0 0,0 type1"},
+        {"volcontrl=true\ncontrl_type=No limit\nvolume_monthly_limit=1000", "0 0 1@0:0 v1000000000/0 t0/0 0,0 type0"},
+        {"volcontrl=true\nvolume_monthly_limit=1000\nmark=100", "0 0 1@0:0 v1000000000/900000000 t0/0 0,0 type2"},
+        {"volcontrl=true\nvolume_monthly_limit=100\nmark=200",  // a mark beyond the limit wraps
+         "0 0 1@0:0 v100000000/18446744073609551616 t0/0 0,0 type2"},
+        {"volcontrl=true\nvolume_monthly_limit=5000000", "0 0 1@0:0 v5000000000000/0 t0/0 0,0 type2"},
+        {"timecontrl=true\nconntime_monthly_limit=24\nmark=2", "0 0 1@0:0 v0/0 t86400/79200 0,0 type3"},
+        {"timecontrl=true\nconntime_monthly_limit=1\nmark=2", "0 0 1@0:0 v0/0 t3600/-3600 0,0 type3"},
+        {"timecontrl=true\nconntime_monthly_limit=24\nmark=", "0 0 1@0:0 v0/0 t86400/0 0,0 type3"},
+        {"timecontrl=true\nconntime_monthly_limit=600000", "0 0 1@0:0 v0/0 t-2134967296/0 0,0 type3"},
+        {"volcontrl=true\ntimecontrl=true\nvolume_monthly_limit=1000\nconntime_monthly_limit=24\nmark=2",
+         "0 0 1@0:0 v1000000000/998000000 t86400/79200 0,0 type3"},
+        {"volume_monthly_limit=1000\nconntime_monthly_limit=5", "0 0 1@0:0 v0/0 t0/0 0,0 type0"},
+        {"round_up_volume=5000000000", "0 2147483647 1@0:0 v0/0 t0/0 0,0 type0"},  // atol of a 32-bit long
+    };
+    for (const auto &c : cases) {
+        TempStore store;
+        store.write("2888", std::string(c.store) + "\n");
+        TmConfig config = {};
+        ASSERT_EQ(bcm_dm_ReadConfig("", &config), 0) << c.store;
+        EXPECT_EQ(Describe(config), c.expect) << c.store;
+    }
+    // A missing object or a held lock fails and leaves the record alone.
+    TempStore store;
+    TmConfig config;
+    memset(&config, 0x5A, sizeof config);
+    const TmConfig before = config;
+    EXPECT_EQ(bcm_dm_ReadConfig("", &config), 1);
+    store.write("2888", "traffic_on=true\n");
+    int holder = open(store.path(".lock").c_str(), O_RDWR | O_CREAT, 0644);  // a lock of its own open file
+    ASSERT_EQ(flock(holder, LOCK_EX), 0);
+    setenv("KVARD_MDM_LOCK_MAX_MS", "50", 1);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(bcm_dm_ReadConfig("", &config), 1);
+    EXPECT_NE(::testing::internal::GetCapturedStderr().find("could not get lock, ret="), std::string::npos);
+    close(holder);
+    EXPECT_EQ(0, memcmp(&config, &before, sizeof config));
+}
+
+class Files : public ::testing::Test {
+protected:
+    TempStore store;
+    void SetUp() override
+    {
+        memset(&tmCore, 0, sizeof tmCore);
+        redirect = store.path("");
+        store.write("1400", "wanType=DHCP\n");
+        store.write("1152.2", "ifName=eth0\nisUpstream=1\n");
+    }
+    void TearDown() override { redirect.clear(); }
+    void NetDev(const std::string &lines)
+    {
+        store.write("dev", "Inter-|   Receive                                                |  Transmit\n"
+                           " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs "
+                           "drop fifo colls carrier compressed\n" + lines);
+    }
+};
+
+TEST_F(Files, wan_counters_from_proc_net_dev_the_saved_pair_and_simulated_input)
+{
+    const struct { const char *name, *lines; unsigned long long rx, tx; } cases[] = {
+        {"eth0.1", "    lo: 1 1 0 0 0 0 0 0 2 1 0 0 0 0 0 0\neth0.1: 50 40 1 2 3 4 5 6 70 50 7 8 9 10 11 12\n", 50, 70},
+        {"eth0.1", "eth0.1:5000 40 1 2 3 4 5 6 7000 50 7 8 9 10 11 12\n", 5000, 7000},  // counter behind the colon
+        {"ppp0", "ppp0.2: 1 1 0 0 0 0 0 0 2 2 0 0 0 0 0 0\n", 0, 0},
+        {"eth0.1", "", 0, 0},  // the header only
+        {"abcdefghijklmnop", "abcdefghijklmnop: 9 9 0 0 0 0 0 0 9 9 0 0 0 0 0 0\n", 0, 0},  // 16 characters: no name
+        {"abcdefghijklmno", "abcdefghijklmno: 9 9 0 0 0 0 0 0 8 9 0 0 0 0 0 0\n", 9, 8},
+        {"eth0.1", "eth0.1: 123 4\n", 123, 0},  // missing columns stay 0
+        {"eth0.1", "eth0.1: 18446744073709551615 1 0 0 0 0 0 0 4294967296 1 0 0 0 0 0 0\n", ~0ull, 1ull << 32},
+    };
+    for (const auto &c : cases) {
+        NetDev(c.lines);
+        TmNetDevStats stats = {};
+        EXPECT_EQ(TmReadNetDevStats(c.name, &stats), 0) << c.lines;
+        EXPECT_EQ(std::make_pair(stats.rxBytes, stats.txBytes), std::make_pair(c.rx, c.tx)) << c.lines;
+    }
+    unlink(store.path("dev").c_str());
+    TmNetDevStats stats = {};
+    EXPECT_EQ(TmReadNetDevStats("eth0.1", &stats), -1);
+    const struct { const char *line; uint64_t tx, rx; } steps[] = {
+        {"eth0.1: 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n", 0, 0}, {"eth0.1: 500 0 0 0 0 0 0 0 300 0 0 0 0 0 0 0\n", 300, 500},
+        {"eth0.1: 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n", 300, 500},  // both zero: the earlier pair
+        {"", 300, 500},                                            // interface away: the same
+        {"eth0.1: 0 0 0 0 0 0 0 0 7 0 0 0 0 0 0 0\n", 7, 0},      // one zero beside a non-zero counter: as is
+    };
+    for (const auto &s : steps) {
+        NetDev(s.line);
+        uint64_t tx = 99, rx = 99;
+        ASSERT_EQ(GetWanStatistics(&tx, &rx), 1) << s.line;
+        EXPECT_EQ(std::make_pair(tx, rx), std::make_pair(s.tx, s.rx)) << s.line;
+    }
+    tmCore.simActive = 1, tmCore.sim.simTx = 1234, tmCore.sim.simRx = 5678;
+    netDevOpens = lockCalls = 0;
+    uint64_t tx = 0, rx = 0;
+    ASSERT_EQ(GetWanStatistics(&tx, &rx), 1);
+    EXPECT_EQ(std::make_tuple(tx, rx, netDevOpens, lockCalls), std::make_tuple(1234ull, 5678ull, 0, 0));
+}
+
+TEST_F(Files, side_files_byte_for_byte)
+{
+    const struct { int32_t value; const char *bytes; } times[] = {
+        {0, "\0\0\0\0"}, {1700000000, "\x00\xF1\x53\x65"}, {-2, "\xFE\xFF\xFF\xFF"}};
+    for (const auto &t : times) {
+        tmCore.exportData.manualResetTime = t.value;
+        EXPECT_EQ(WriteManualResetTimeToFile(), 0);
+        EXPECT_EQ(store.read("tmrestarttime.data"), std::string(t.bytes, 4));
+        tmCore.manualResetTime.time = 12345;
+        EXPECT_EQ(GetManualResetTimeFromFile(), 1);
+        EXPECT_EQ(tmCore.manualResetTime.time, t.value);
+    }
+    for (const char *content : {"", "\x01\x02\x03", (const char *)nullptr}) {
+        content ? store.write("tmrestarttime.data", content) : (void)unlink(store.path("tmrestarttime.data").c_str());
+        ::testing::internal::CaptureStdout();
+        EXPECT_EQ(GetManualResetTimeFromFile(), 0);
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), "Read File fail.\n");
+        EXPECT_EQ(tmCore.manualResetTime.time, -2) << "the value stays as it was";
+    }
+    TmWriteWarnFile(1, 0, 1);
+    EXPECT_EQ(store.read("tmwarn.data"), "101");
+    const struct { const char *content; int result; int32_t d, l, w; } reads[] = {
+        {"011", 1, 0, 1, 1}, {"0109", 1, 0, 1, 0}, {"01", 1, 7, 7, 7}, {"a0 ", 1, 'a' - '0', 0, ' ' - '0'},
+        {nullptr, 0, 0, 0, 0}};
+    for (const auto &c : reads) {
+        c.content ? store.write("tmwarn.data", c.content) : (void)unlink(store.path("tmwarn.data").c_str());
+        int32_t d = 7, l = 7, w = 7;
+        EXPECT_EQ(TmReadWarnFile(&d, &l, &w), c.result);
+        EXPECT_EQ(std::make_tuple(d, l, w), std::make_tuple(c.d, c.l, c.w)) << (c.content ? c.content : "none");
+    }
+    EXPECT_EQ(TmWriteLimitFile(1, 0, 1, -1, 86460), 0);
+    EXPECT_EQ(store.read("tmlimit.data"), "ld\n4294967295\n86460\n");
+}
+
+
+void Zone(const char *zone) { setenv("TZ", zone, 1), tzset(); }
+
+// "YYYY-MM-DD hh:mm+HH:MM" (or -HH:MM) to epoch seconds.
 int32_t At(const char *text)
 {
     struct tm f = {};
     int oh = 0, om = 0;
-    char s = '+';
-    EXPECT_EQ(sscanf(text, "%d-%d-%d %d:%d:%d%c%d:%d", &f.tm_year, &f.tm_mon, &f.tm_mday, &f.tm_hour, &f.tm_min,
-                     &f.tm_sec, &s, &oh, &om),
-              9)
-        << text;
-    f.tm_year -= 1900;
-    f.tm_mon -= 1;
-    return (int32_t)(timegm(&f) - (s == '-' ? -1 : 1) * (oh * 3600 + om * 60));
+    char sign = '+';
+    EXPECT_EQ(sscanf(text, "%d-%d-%d %d:%d%c%d:%d", &f.tm_year, &f.tm_mon, &f.tm_mday, &f.tm_hour, &f.tm_min, &sign,
+                     &oh, &om), 8) << text;
+    f.tm_year -= 1900, f.tm_mon -= 1;
+    return (int32_t)(timegm(&f) - (sign == '-' ? -1 : 1) * (oh * 3600 + om * 60));
 }
 
-// ---- An oracle for binary32 that shares no code with the float unit's
-// conversions: integers are rounded to 24 bits by integer arithmetic, and each
-// operation is done exactly (or, for the quotient, in double, whose 53 bits
-// make the second rounding harmless) and rounded to float once.
-
-float RefFloat(uint64_t v, bool negative = false)
+TEST(Calendar, half_days_days_and_weeks_on_23_and_25_hour_days)
 {
-    double magnitude;
-    if (v < (1ull << 24)) {
-        magnitude = (double)v;
-    } else {
-        int shift = 63 - __builtin_clzll(v) - 23;
-        uint64_t m = v >> shift, rem = v & ((1ull << shift) - 1), half = 1ull << (shift - 1);
-        if (rem > half || (rem == half && (m & 1))) m++;
-        magnitude = ldexp((double)m, shift);
+    const struct { int32_t (*fn)(int32_t); const char *zone, *in, *out; } cases[] = {
+        {TmNextHalfDay, "UTC", "2026-06-10 12:00+00:00", "2026-06-11 00:00+00:00"},
+        {TmNextHalfDay, "UTC", "2026-12-31 18:00+00:00", "2027-01-01 00:00+00:00"},
+        {TmNextHalfDay, "Europe/Berlin", "2026-03-29 00:00+01:00", "2026-03-29 12:00+02:00"},  // 11 hours
+        {TmNextHalfDay, "Europe/Berlin", "2026-10-25 00:00+02:00", "2026-10-25 12:00+01:00"},  // 13 hours
+        {TmNextHalfDay, "Europe/Berlin", "2026-10-25 02:30+01:00", "2026-10-25 12:00+01:00"},
+        {TmNextHalfDay, "America/New_York", "2026-03-08 00:00-05:00", "2026-03-08 12:00-04:00"},
+        {TmNextHalfDay, "Australia/Lord_Howe", "2026-10-04 00:00+10:30", "2026-10-04 12:00+11:00"},
+        {TmPrevHalfDay, "UTC", "2026-06-10 12:00+00:00", "2026-06-10 00:00+00:00"},  // 60 s back
+        {TmPrevHalfDay, "Europe/Berlin", "2026-10-25 12:00+01:00", "2026-10-25 00:00+02:00"},
+        {TmPrevHalfDay, "Australia/Lord_Howe", "2026-10-04 12:00+11:00", "2026-10-04 00:00+10:30"},
+        {TmDayStart, "Europe/Berlin", "2026-03-29 23:00+02:00", "2026-03-29 00:00+01:00"},
+        {TmDayStart, "Europe/Berlin", "2026-10-25 23:00+01:00", "2026-10-25 00:00+02:00"},
+        {TmPrevDayStart, "Europe/Berlin", "2026-03-30 00:00+02:00", "2026-03-29 00:00+01:00"},
+        {TmWeekStart, "UTC", "2026-06-10 00:00+00:00", "2026-06-07 00:00+00:00"},  // Wednesday
+        {TmWeekStart, "UTC", "2026-06-07 00:00+00:00", "2026-06-07 00:00+00:00"},  // Sunday is its own
+        {TmWeekStart, "Australia/Sydney", "2026-04-08 00:00+10:00", "2026-04-05 00:00+11:00"},
+    };
+    for (const auto &c : cases) {
+        Zone(c.zone);
+        EXPECT_EQ(c.fn(At(c.in)), At(c.out)) << c.in << " in " << c.zone;
     }
-    return (float)(negative ? -magnitude : magnitude);
 }
 
-float RefSigned(int64_t v)
+TEST(Calendar, the_monthly_period_around_now)
 {
-    return v < 0 ? RefFloat(0 - (uint64_t)v, true) : RefFloat((uint64_t)v);
+    const uint32_t days[][4] = {{2026, 1, 29, 28}, {2028, 1, 29, 29}, {2000, 1, 31, 29}, {2100, 1, 30, 28}, {2026, 3, 31, 30}};
+    for (const auto &c : days) EXPECT_EQ(TmResetDayOfMonth(c[0], c[1], c[2]), c[3]) << c[0] << "/" << c[1] << " " << c[2];
+    memset(&tmCore, 0, sizeof tmCore);
+    tmCore.exportData.lastResetTime = 5;
+    EXPECT_EQ(TmCalcResetTimes(1, 0, 0), 0) << "nothing moves while the clock is unsynchronised";
+    EXPECT_EQ(tmCore.exportData.lastResetTime, 5);
+    tmCore.exportData.timeSync = tmCore.simActive = 1;  // TmNow gives simNow
+    const struct { const char *zone; uint32_t day, hour, minute; const char *now, *last, *next; } cases[] = {
+        {"UTC", 0, 0, 0, "2026-06-10 12:00+00:00", "2026-06-01 00:00+00:00", "2026-07-01 00:00+00:00"},
+        {"UTC", 10, 12, 0, "2026-06-10 12:00+00:00", "2026-06-10 12:00+00:00", "2026-07-10 12:00+00:00"},
+        {"UTC", 10, 12, 0, "2026-06-10 11:59+00:00", "2026-05-10 12:00+00:00", "2026-06-10 12:00+00:00"},
+        {"UTC", 31, 0, 0, "2026-02-10 00:00+00:00", "2026-01-31 00:00+00:00", "2026-02-28 00:00+00:00"},
+        {"UTC", 30, 0, 0, "2026-02-28 00:00+00:00", "2026-02-28 00:00+00:00", "2026-03-31 00:00+00:00"},
+        {"UTC", 31, 0, 0, "2028-02-10 00:00+00:00", "2028-01-31 00:00+00:00", "2028-02-29 00:00+00:00"},
+        {"UTC", 29, 0, 0, "2028-03-01 00:00+00:00", "2028-02-29 00:00+00:00", "2028-03-31 00:00+00:00"},
+        {"UTC", 20, 0, 0, "2026-12-25 00:00+00:00", "2026-12-20 00:00+00:00", "2027-01-20 00:00+00:00"},
+        // Hour 24 is carried into the next day; the other month counts from there with hour 0.
+        {"UTC", 31, 24, 0, "2026-01-15 00:00+00:00", "2026-01-31 00:00+00:00", "2026-02-01 00:00+00:00"},
+        {"UTC", 15, 24, 0, "2026-06-20 00:00+00:00", "2026-06-16 00:00+00:00", "2026-07-15 00:00+00:00"},
+        {"Europe/Berlin", 15, 6, 0, "2026-03-20 00:00+01:00", "2026-03-15 06:00+01:00", "2026-04-15 06:00+02:00"},
+        {"Australia/Sydney", 5, 0, 0, "2026-04-20 00:00+10:00", "2026-04-05 00:00+11:00", "2026-05-05 00:00+10:00"},
+        // A reset inside the skipped hour is moved on by the shift, and that time serves both months.
+        {"Europe/Berlin", 28, 2, 30, "2027-03-10 00:00+01:00", "2027-02-28 03:30+01:00", "2027-03-28 03:30+02:00"},
+        {"Australia/Lord_Howe", 4, 2, 10, "2026-10-01 00:00+10:30", "2026-09-04 02:40+10:30", "2026-10-04 02:40+11:00"},
+    };
+    for (const auto &c : cases) {
+        Zone(c.zone);
+        tmCore.sim.simNow = (uint32_t)At(c.now);
+        ASSERT_EQ(TmCalcResetTimes(c.day, c.hour, c.minute), 1);
+        EXPECT_EQ(std::make_pair(tmCore.exportData.lastResetTime, tmCore.exportData.nextResetTime),
+                  std::make_pair(At(c.last), At(c.next))) << c.zone << " day " << c.day << " at " << c.now;
+    }
+    tmCore.simActive = 0;
 }
 
-// Magnitude of a float cut toward zero, from its exponent and 24-bit significand.
-uint64_t RefCut(float f)
+// Integer to binary32 by integer rounding (nearest, ties to even), apart from the float unit.
+double RefFloat(uint64_t v)
 {
-    int e = 0;
-    uint64_t m = (uint64_t)ldexp((double)frexpf(fabsf(f), &e), 24);
-    return e >= 24 ? m << (e - 24) : (e > -40 ? m >> (24 - e) : 0);
+    int shift = v >> 24 ? 40 - __builtin_clzll(v) : 0;
+    uint64_t m = v >> shift, rem = v - (m << shift), half = shift ? 1ull << (shift - 1) : 1;
+    return ldexp((double)(m + (shift && (rem > half || (rem == half && (m & 1))))), shift);
+}
+double RefSigned(int64_t v) { return v < 0 ? -RefFloat(0 - (uint64_t)v) : RefFloat((uint64_t)v); }
+// Each step exact in double (the quotient to 53 bits, which makes the second rounding harmless), then to binary32.
+double RefShare(double acc, double c, int64_t part, int64_t len)
+{
+    double quotient = (float)((float)(c * RefSigned(part)) / RefSigned(len));
+    return (float)(quotient + acc);
 }
 
-uint64_t RefShareU64(uint64_t acc, uint64_t c, int64_t part, int64_t len)
+TEST(Share, worked_numbers_an_independent_binary32_model_and_apportioning_step_by_step)
 {
-    float product = (float)((double)RefFloat(c) * (double)RefSigned(part));
-    float quotient = (float)((double)product / (double)RefSigned(len));
-    float sum = (float)((double)quotient + (double)RefFloat(acc));
-    if (!(sum >= 1.0f)) return 0;
-    return sum >= 0x1p64f ? UINT64_MAX : RefCut(sum);
-}
-
-int32_t RefShareI32(int32_t acc, int32_t c, int64_t part, int64_t len)
-{
-    float product = (float)((double)RefSigned(c) * (double)RefSigned(part));
-    float quotient = (float)((double)product / (double)RefSigned(len));
-    float sum = (float)((double)quotient + (double)RefSigned(acc));
-    if (sum >= 0x1p31f) return INT32_MAX;
-    if (sum < -0x1p31f) return INT32_MIN;
-    int64_t cut = (int64_t)RefCut(sum);
-    return (int32_t)(sum < 0 ? -cut : cut);
-}
-
-TEST(Share, worked_numbers_are_binary32_step_by_step)
-{
-    struct Case {
-        uint64_t acc, c;
-        int64_t part, len;
-        uint64_t expect;
-    } cases[] = {
-        {16777217, 500000, 1, 1, 17277216},     // the accumulator is rounded to 24 bits
+    const struct { uint64_t acc, c; int64_t part, len; uint64_t expect; } cases[] = {
+        {16777217, 500000, 1, 1, 17277216},       // the accumulator is rounded to 24 bits
         {3000000123ull, 0, 1, 1, 3000000000ull},  // ... even by a share of 0
-        {0, 1000, 40, 60, 666},                  // shares are cut, so they add up to less
-        {0, 1000, 20, 60, 333},
-        {0, 23, 7, 23, 7},                       // multiply first: 23 * (7 / 23) would give 6
-        {0, 16777217, 1, 1, 16777216},           // the count itself is rounded
-        {5, 0, 0, 60, 5},
-        {UINT64_MAX, 0, 1, 1, UINT64_MAX},       // 2^64 saturates
-        {0, 1, 1, 0, UINT64_MAX},                // an infinite share saturates
-        {0, 0, 0, 0, 0},                         // NaN cuts to 0
-    };
-    for (const Case &k : cases)
-        EXPECT_EQ(TmShareU64(k.acc, k.c, k.part, k.len), k.expect) << k.acc << " + " << k.c << " * " << k.part << " / "
-                                                                    << k.len;
-    struct Time {
-        int32_t acc, c;
-        int64_t part, len;
-        int32_t expect;
-    } times[] = {
-        {0, 60, 20, 60, 20},
-        {0, -5, 1, 2, -2},  // toward zero
-        {INT32_MAX, 0, 1, 1, INT32_MAX},
-        {INT32_MIN, -1000, 1, 1, INT32_MIN},
-        {16777217, 0, 1, 1, 16777216},
-    };
-    for (const Time &k : times)
-        EXPECT_EQ(TmShareI32(k.acc, k.c, k.part, k.len), k.expect) << k.acc << " + " << k.c << " * " << k.part << " / "
-                                                                    << k.len;
-}
-
-TEST(Share, agrees_with_an_independent_binary32_model_on_random_inputs)
-{
-    uint64_t seed = std::random_device{}();
-    if (const char *s = getenv("TMSTAT_SEED")) seed = strtoull(s, nullptr, 10);
-    SCOPED_TRACE("seed " + std::to_string(seed) + " (TMSTAT_SEED reproduces it)");
-    std::mt19937_64 rng(seed);
-    // Values of a random bit length, so that every magnitude is visited.
-    auto bits = [&](int most) -> uint64_t {
+        {0, 1000, 40, 60, 666}, {0, 1000, 20, 60, 333},
+        {0, 23, 7, 23, 7},                        // multiplied first: 23 * (7 / 23) would give 6
+        {UINT64_MAX, 0, 1, 1, UINT64_MAX}, {0, 1, 1, 0, UINT64_MAX}, {0, 0, 0, 0, 0}};
+    for (const auto &k : cases) EXPECT_EQ(TmShareU64(k.acc, k.c, k.part, k.len), k.expect) << k.acc << " " << k.c;
+    EXPECT_EQ(TmShareI32(0, -5, 1, 2), -2);
+    EXPECT_EQ(TmShareI32(INT32_MIN, -1000, 1, 1), INT32_MIN);
+    EXPECT_EQ(TmShareI32(16777217, 0, 1, 1), 16777216);
+    std::mt19937_64 rng(20261123);
+    auto bits = [&](int most) -> uint64_t {  // every magnitude is visited
         int b = (int)(rng() % (uint64_t)(most + 1));
         return b == 0 ? 0 : rng() >> (64 - b);
     };
-    for (int n = 0; n < 200000; n++) {
-        int64_t len = 1 + (int64_t)bits(31);
-        int64_t part = (int64_t)(rng() % (uint64_t)(len + 1));
+    for (int n = 0; n < 50000; n++) {
+        int64_t len = 1 + (int64_t)bits(31), part = (int64_t)(rng() % (uint64_t)(len + 1));
         uint64_t c = bits(64), acc = bits(64);
-        ASSERT_EQ(TmShareU64(acc, c, part, len), RefShareU64(acc, c, part, len))
-            << acc << " + " << c << " * " << part << " / " << len;
-        int32_t tc = (int32_t)bits(31) * (rng() % 8 == 0 ? -1 : 1);
-        int32_t tacc = (int32_t)bits(31) * (rng() % 8 == 0 ? -1 : 1);
-        ASSERT_EQ(TmShareI32(tacc, tc, part, len), RefShareI32(tacc, tc, part, len))
-            << tacc << " + " << tc << " * " << part << " / " << len;
+        double s = RefShare(RefFloat(acc), RefFloat(c), part, len);
+        ASSERT_EQ(TmShareU64(acc, c, part, len), s < 1 ? 0 : s >= 0x1p64 ? UINT64_MAX : (uint64_t)s) << n;
+        int32_t tc = (int32_t)bits(31) * (rng() % 4 ? 1 : -1), tacc = (int32_t)bits(31) * (rng() % 4 ? 1 : -1);
+        s = RefShare(RefSigned(tacc), RefSigned(tc), part, len);
+        ASSERT_EQ(TmShareI32(tacc, tc, part, len), s >= 0x1p31 ? INT32_MAX : s < -0x1p31 ? INT32_MIN : (int32_t)s) << n;
     }
-}
-
-// ---- TmApportionRecord
-
-// Buckets of 60 s from t0 on.
-void Buckets(TmRecord *b, uint32_t count, int32_t t0)
-{
-    memset(b, 0, sizeof(TmRecord) * count);
-    for (uint32_t k = 0; k < count; k++) {
-        b[k].tStart = t0 + 60 * (int32_t)k;
-        b[k].tEnd = b[k].tStart + 60;
-    }
-}
-
-TEST(Apportion, the_ten_steps_in_order)
-{
-    // Five buckets: F = [60,120) ... G = [300,360). The record carries 1200 /
-    // 7 / 60; each bucket that takes something takes the share of its seconds.
-    struct Take {
-        int bucket;
-        int seconds;
+    // Buckets F = [60,120) ... G = [300,360); the record carries 1000 / 7 / 60, and
+    // each bucket that takes something takes the share of its seconds (cut).
+    const struct { int32_t S, E; int result; int seconds[5]; } steps[] = {
+        {200, 200, 0, {}}, {250, 200, 0, {}}, {360, 400, 1, {}}, {0, 60, -1, {}},  // empty, after, before
+        {30, 90, 0, {30}}, {0, 120, 0, {60}}, {30, 150, 0, {60, 30}}, {0, 400, 0, {60, 280}},  // begins before
+        {330, 390, 0, {0, 0, 0, 0, 30}}, {300, 420, 0, {0, 0, 0, 0, 60}}, {60, 400, 0, {0, 0, 0, 240, 60}},
+        {250, 390, 0, {0, 0, 0, 50, 60}},                                  // ends after
+        {120, 180, 0, {0, 60}}, {150, 180, 0, {0, 30}}, {300, 360, 0, {0, 0, 0, 0, 60}},  // in one bucket
+        {100, 160, 0, {20, 40}}, {100, 180, 0, {20, 60}},                  // two buckets: 333 and 666
+        {100, 250, 0, {0, 80, 60, 10}}, {60, 300, 0, {0, 120, 60, 60}},    // the third takes all the rest
     };
-    struct Case {
-        const char *what;
-        int32_t S, E;
-        int result;
-        Take takes[3];
-    } cases[] = {
-        {"1: empty", 200, 200, 0, {}},
-        {"1: reversed", 250, 200, 0, {}},
-        {"2: begins at G.tEnd", 360, 400, 1, {}},
-        {"2: after the array", 500, 600, 1, {}},
-        {"3: ends at F.tStart", 0, 60, -1, {}},
-        {"3: before the array", -100, 30, -1, {}},
-        {"4: begins before, ends in F", 30, 90, 0, {{0, 30}}},
-        {"4: begins before, ends at F.tEnd", 0, 120, 0, {{0, 60}}},
-        {"5: begins before, reaches past F", 30, 150, 0, {{0, 60}, {1, 30}}},
-        {"5: bucket 1 takes all the rest", 0, 300, 0, {{0, 60}, {1, 180}}},
-        {"5: before and after the array", 0, 400, 0, {{0, 60}, {1, 280}}},
-        {"6: begins in G, ends after", 330, 390, 0, {{4, 30}}},
-        {"6: begins at G.tStart", 300, 420, 0, {{4, 60}}},
-        {"7: ends after, began earlier", 250, 390, 0, {{4, 60}, {3, 50}}},
-        {"7: bucket count-2 takes all the rest", 60, 400, 0, {{4, 60}, {3, 240}}},
-        {"8: inside a bucket", 130, 170, 0, {{1, 40}}},
-        {"8: fills a bucket", 120, 180, 0, {{1, 60}}},
-        {"8: begins at tStart", 120, 150, 0, {{1, 30}}},
-        {"8: ends at tEnd", 150, 180, 0, {{1, 30}}},
-        {"8: fills F", 60, 120, 0, {{0, 60}}},
-        {"8: fills G", 300, 360, 0, {{4, 60}}},
-        {"9: two buckets", 100, 160, 0, {{1, 40}, {0, 20}}},
-        {"9: ends at B.tEnd", 100, 180, 0, {{1, 60}, {0, 20}}},
-        {"10: three buckets", 100, 250, 0, {{3, 10}, {2, 60}, {1, 80}}},
-        {"10: the third takes all the rest", 60, 300, 0, {{3, 60}, {2, 60}, {1, 120}}},
-    };
-    const uint64_t tx = 1200, rx = 7;
-    const int32_t tUsed = 60;
-    for (const Case &k : cases) {
-        TmRecord b[5];
-        Buckets(b, 5, 60);
-        TmRecord r = {k.S, k.E, tx, rx, tUsed, 0};
-        EXPECT_EQ(TmApportionRecord(b, 5, &r), k.result) << k.what;
-        int64_t len = (int64_t)k.E - k.S;
+    for (const auto &k : steps) {
+        TmRecord b[5] = {}, r = {k.S, k.E, 1000, 7, 60, 0};
+        for (int i = 0; i < 5; i++) b[i].tStart = 60 + 60 * i, b[i].tEnd = 120 + 60 * i;
+        EXPECT_EQ(TmApportionRecord(b, 5, &r), k.result) << k.S << ".." << k.E;
         for (int i = 0; i < 5; i++) {
-            int seconds = 0;
-            for (const Take &t : k.takes)
-                if (t.seconds != 0 && t.bucket == i) seconds = t.seconds;
-            // Small counters: the binary32 share is the integer floor.
-            EXPECT_EQ(b[i].tx, seconds ? tx * (uint64_t)seconds / (uint64_t)len : 0) << k.what << ", bucket " << i;
-            EXPECT_EQ(b[i].rx, seconds ? rx * (uint64_t)seconds / (uint64_t)len : 0) << k.what << ", bucket " << i;
-            EXPECT_EQ(b[i].tUsed, seconds ? (int32_t)(tUsed * seconds / len) : 0) << k.what << ", bucket " << i;
-            EXPECT_EQ(b[i].tStart, 60 + 60 * i);
-            EXPECT_EQ(b[i].tEnd, 120 + 60 * i);
+            int64_t len = k.E - k.S, s = k.seconds[i];
+            EXPECT_EQ(std::make_tuple(b[i].tx, b[i].rx, b[i].tUsed),
+                      std::make_tuple(uint64_t(s ? 1000 * s / len : 0), uint64_t(s ? 7 * s / len : 0), int32_t(s ? 60 * s / len : 0)))
+                << k.S << ".." << k.E << " bucket " << i;
         }
     }
+    // A record within one bucket adds in exact integers, above 2^24 too.
+    TmRecord b[3] = {{60, 120, 0, 0, 0, 0}, {120, 180, 16777217, 3000000123ull, 16777217, 0}, {180, 240, 0, 0, 0, 0}};
+    TmRecord r = {130, 170, 2, 0, 2, 0};
+    EXPECT_EQ(TmApportionRecord(b, 3, &r), 0);
+    EXPECT_EQ(std::make_tuple(b[1].tx, b[1].rx, b[1].tUsed), std::make_tuple(16777219ull, 3000000123ull, 16777219));
 }
-
-TEST(Apportion, the_worked_record_over_two_minute_buckets)
-{
-    TmRecord b[2];
-    Buckets(b, 2, 60);
-    TmRecord r = {100, 160, 1000, 7, 60, 0};
-    EXPECT_EQ(TmApportionRecord(b, 2, &r), 0);
-    EXPECT_EQ(b[0].tx, 333u);
-    EXPECT_EQ(b[0].rx, 2u);
-    EXPECT_EQ(b[0].tUsed, 20);
-    EXPECT_EQ(b[1].tx, 666u);
-    EXPECT_EQ(b[1].rx, 4u);
-    EXPECT_EQ(b[1].tUsed, 40);
-}
-
-TEST(Apportion, a_record_within_one_bucket_adds_in_exact_integers)
-{
-    struct Case {
-        int32_t S, E;
-    } cases[] = {{120, 180}, {120, 150}, {150, 180}, {130, 170}};
-    for (const Case &k : cases) {
-        TmRecord b[3];
-        Buckets(b, 3, 60);
-        b[1].tx = 16777217;  // odd and above 2^24: binary32 would make it even
-        b[1].rx = 3000000123ull;
-        b[1].tUsed = 16777217;
-        TmRecord r = {k.S, k.E, 2, 0, 2, 0};
-        EXPECT_EQ(TmApportionRecord(b, 3, &r), 0);
-        EXPECT_EQ(b[1].tx, 16777219u) << k.S << ".." << k.E;
-        EXPECT_EQ(b[1].rx, 3000000123ull) << k.S << ".." << k.E;
-        EXPECT_EQ(b[1].tUsed, 16777219) << k.S << ".." << k.E;
-    }
-}
-
-TEST(Apportion, never_more_than_three_buckets_change_and_nothing_is_invented)
-{
-    std::mt19937 rng(12345);
-    for (int n = 0; n < 20000; n++) {
-        TmRecord b[20];
-        Buckets(b, 20, 0);  // 0 .. 1200
-        int32_t S = (int32_t)(rng() % 1600) - 200, E = (int32_t)(rng() % 1600) - 200;
-        TmRecord r = {S, E, rng() % 1024, rng() % 1024, (int32_t)(rng() % 1024), 0};
-        int expect = S >= E ? 0 : (E <= 0 ? -1 : (S >= 1200 ? 1 : 0));
-        ASSERT_EQ(TmApportionRecord(b, 20, &r), expect) << S << ".." << E;
-        int changed = 0;
-        uint64_t tx = 0;
-        for (const TmRecord &x : b) {
-            changed += x.tx != 0 || x.rx != 0 || x.tUsed != 0;
-            tx += x.tx;
-        }
-        ASSERT_LE(changed, 3) << S << ".." << E;
-        ASSERT_LE(tx, r.tx) << S << ".." << E;
-        // Inside the array every second lands somewhere: only the cuts are lost.
-        if (S < E && S >= 0 && E <= 1200) {
-            ASSERT_GE(tx + 3, r.tx) << S << ".." << E;
-        }
-    }
-}
-
-// ---- TmCollectStatistic
 
 class Collect : public ::testing::Test {
 protected:
-    TempStore store;  // an empty data model: a WAN read that isn't simulated fails
     TmExportData &ed = tmCore.exportData;
-
     void SetUp() override
     {
         memset(&tmCore, 0, sizeof tmCore);
         Zone("Europe/Berlin");
-        fakeClockOn = true;
+        ed.timeSync = 1, ed.resetDay = 15, ed.lastResetTime = At("2023-03-15 08:30+01:00");  // a Wednesday
     }
-    void TearDown() override { fakeClockOn = false; }
-
-    void Synced(const char *L, uint32_t resetDay, int32_t now)
+    void TearDown() override { fakeClock = 0; }
+    TmStatistic Run(const char *now)
     {
-        ed.timeSync = 1;
-        ed.lastResetTime = At(L);
-        ed.resetDay = resetDay;
-        fakeClock = now;
-    }
-    TmStatistic Run()
-    {
-        TmStatistic s;
-        memset(&s, 0, sizeof s);
+        fakeClock = At(now);
+        TmStatistic s = {};
         EXPECT_EQ(TmCollectStatistic(&s), 1);
         return s;
     }
 };
 
-TEST_F(Collect, a_null_result_record_is_refused)
+TEST_F(Collect, the_last_period_elapsed_seconds_running_minute_and_limit)
 {
-    EXPECT_EQ(TmCollectStatistic(nullptr), 0);
-}
-
-TEST_F(Collect, the_last_period_starts_from_L_by_a_probe_into_the_month_before)
-{
-    struct Case {
-        uint32_t resetDay;
-        const char *L, *P;
-    } cases[] = {
-        {15, "2023-03-15 08:30:00+01:00", "2023-02-15 08:30:00+01:00"},  // probe 11 Feb
-        {10, "2023-03-10 08:30:00+01:00", "2023-02-10 08:30:00+01:00"},  // probe 21 Feb
-        {31, "2023-02-28 00:00:00+01:00", "2023-01-31 00:00:00+01:00"},  // probe 27 Jan
-        {31, "2023-03-31 00:00:00+02:00", "2023-02-28 00:00:00+01:00"},  // probe 27 Feb; 17 days would stay in March
-        {1, "2023-03-01 00:00:00+01:00", "2023-02-01 00:00:00+01:00"},   // 32 days would reach January
-        {0, "2023-03-01 00:00:00+01:00", "2023-02-01 00:00:00+01:00"},   // 0 counts as 1
-        {14, "2023-01-14 06:00:00+01:00", "2022-12-14 06:00:00+01:00"},
-        {30, "2024-03-30 00:00:00+01:00", "2024-02-29 00:00:00+01:00"},
-        {15, "2023-04-15 08:30:00+02:00", "2023-03-15 08:30:00+01:00"},  // across the shift: 31 days less an hour
-        {15, "2023-03-16 00:00:00+01:00", "2023-02-15 00:00:00+01:00"},  // hour and minute are L's own
+    const struct { uint32_t resetDay; const char *L, *P; } cases[] = {
+        {15, "2023-03-15 08:30+01:00", "2023-02-15 08:30+01:00"}, {10, "2023-03-10 08:30+01:00", "2023-02-10 08:30+01:00"},
+        {31, "2023-02-28 00:00+01:00", "2023-01-31 00:00+01:00"}, {0, "2023-03-01 00:00+01:00", "2023-02-01 00:00+01:00"},
+        {31, "2023-03-31 00:00+02:00", "2023-02-28 00:00+01:00"},  // a 17-day probe would stay in March
     };
-    for (const Case &k : cases) {
-        Synced(k.L, k.resetDay, At(k.L) + 86400);
-        ed.nextResetTime = At(k.L) + 1000;
-        ed.manualResetTime = At(k.L) + 500;
-        TmStatistic s = Run();
-        EXPECT_EQ(s.start_data_time, At(k.L));
-        EXPECT_EQ(s.next_data_time, At(k.L) + 1000);
-        EXPECT_EQ(s.manualTime, At(k.L) + 500);
-        EXPECT_EQ(s.current_data_time, At(k.L) + 86400);
-        EXPECT_EQ(s.lastmonth.elapsed, (int64_t)At(k.L) - At(k.P)) << "reset day " << k.resetDay << ", L " << k.L;
+    for (const auto &k : cases) {
+        ed.lastResetTime = At(k.L), ed.resetDay = k.resetDay;
+        EXPECT_EQ(Run("2024-06-01 00:00+02:00").lastmonth.elapsed, (int64_t)At(k.L) - At(k.P)) << k.L;
+    }
+    SetUp();
+    const struct { const char *now; int64_t week, month; } elapsed[] = {
+        {"2023-03-15 08:30+01:00", 1, 1}, {"2023-03-15 07:30+01:00", 1, 1},  // never 0
+        {"2023-03-20 10:00+01:00", 122400, 437400},                           // the week from Sunday 00:00
+        {"2023-03-27 10:00+02:00", 118800, 1038600},                          // 26 March had 23 hours
+    };
+    TmStatistic s;
+    for (const auto &k : elapsed) {
+        s = Run(k.now);
+        EXPECT_EQ(std::make_pair(s.thisweek.elapsed, s.thismonth.elapsed), std::make_pair(k.week, k.month)) << k.now;
+        EXPECT_TRUE(s.today.elapsed >= 1 && s.yesterday.elapsed >= 1) << k.now;
+    }
+    ed.enable = ed.link = 1, tmCore.simActive = 1, tmCore.sim.simTx = 10500, tmCore.sim.simRx = 20900;
+    ed.lastTx = 10000, ed.lastRx = 20000, ed.lastTime = At("2023-03-20 09:59+01:00");
+    ed.todayTx = 1, ed.weekTx = 10, ed.monthlyTx = 100, ed.yesterdayTx = 1000, ed.otherTx = 4, ed.monthlyTime = 300;
+    s = Run("2023-03-20 10:00+01:00");
+    // The running minute (500 up, 900 down, 60 s) counts for today, the week and the month only.
+    EXPECT_EQ(std::make_tuple(s.today.upload, s.thisweek.upload, s.thismonth.upload, s.yesterday.upload),
+              std::make_tuple(505u, 514u, 604u, 1000u));
+    EXPECT_EQ(std::make_tuple(s.thismonth.download, s.thismonth.conntime, s.today.conntime, s.yesterday.conntime),
+              std::make_tuple(900u, 360, 60, 0));
+    const struct { uint32_t type; int32_t limitTime, time; uint64_t tx, rx, limited, used, left; } limits[] = {
+        {0, 3600, 600, 500, 300, 0, 0, 0}, {2, 0, 0, 500, 300, 1000, 800, 200}, {3, 3600, 600, 0, 0, 3600, 600, 3000},
+        {1, 0, 0, 5000, 300, 1000, 300, 700}, {1, 0, 0, 0, 1001, 1000, 1001, 0},  // upload doesn't count; clamped at 0
+        {3, -5, 10, 0, 0, ~0ull - 4, 10, 0}, {3, 50, -100, 0, 0, 50, ~0ull - 99, 150},    // signed: -5 is below 10
+    };
+    ed.enable = 0;
+    for (const auto &k : limits) {
+        ed.limitType = k.type, ed.limitVol = 1000, ed.limitTime = k.limitTime;
+        ed.monthlyTx = k.tx, ed.monthlyRx = k.rx, ed.monthlyTime = k.time, ed.otherTx = 0;
+        s = Run("2023-03-20 10:00+01:00");
+        EXPECT_EQ(std::make_tuple(s.timeLimit, s.dataLimited, s.dataUsed, s.volume_left),
+                  std::make_tuple(k.type == 3 ? 1u : 0u, k.limited, k.used, k.left)) << "type " << k.type << " " << k.rx;
     }
 }
 
-TEST_F(Collect, elapsed_counts_from_the_period_start_and_is_never_zero)
+TEST(Text, the_published_forms)
 {
-    struct Case {
-        const char *now;
-        int32_t offset;
-        int64_t week, month;
-    } cases[] = {
-        // L is Wednesday 15 March 2023, 08:30.
-        {"2023-03-15 08:30:00+01:00", 0, 1, 1},         // the first second
-        {"2023-03-15 08:30:00+01:00", 1, 1, 1},
-        {"2023-03-15 08:30:00+01:00", -3600, 1, 1},     // the clock before the period start
-        {"2023-03-20 10:00:00+01:00", 0, 122400, 437400},  // Monday: the week from Sunday 00:00
-        {"2023-03-19 10:00:00+01:00", 0, 36000, 351000},   // Sunday: week and today alike
-        {"2023-03-27 10:00:00+02:00", 0, 118800, 1038600},  // Sunday 26 March had 23 hours
-    };
-    for (const Case &k : cases) {
-        Synced("2023-03-15 08:30:00+01:00", 15, At(k.now) + k.offset);
-        TmStatistic s = Run();
-        EXPECT_EQ(s.thisweek.elapsed, k.week) << k.now << " " << k.offset;
-        EXPECT_EQ(s.thismonth.elapsed, k.month) << k.now << " " << k.offset;
-        if (k.week > 1 && k.week < 86400) {
-            EXPECT_EQ(s.today.elapsed, k.week) << k.now;
-        }
-        for (const TmPeriodFigures *p : {&s.today, &s.yesterday, &s.thisweek, &s.thismonth, &s.lastmonth})
-            EXPECT_GE(p->elapsed, 1) << k.now << " " << k.offset;
-    }
-}
-
-TEST_F(Collect, the_running_minute_counts_for_today_week_and_month_only)
-{
-    struct Case {
-        const char *what;
-        uint32_t enable, link, simulated;
-        uint64_t wanTx, wanRx;
-        int32_t lastTimeOffset;
-        uint64_t addTx, addRx;
-        int32_t addTime;
-    } cases[] = {
-        {"volume and time", 1, 1, 1, 10500, 20900, -25, 500, 900, 25},
-        {"no link: volume, no time", 1, 0, 1, 10500, 20900, -25, 500, 900, 0},
-        {"meter off: nothing", 0, 1, 1, 10500, 20900, -25, 0, 0, 0},
-        {"WAN unreadable: time only", 1, 1, 0, 10500, 20900, -25, 0, 0, 25},
-        {"counters at or below the base", 1, 2, 1, 9999, 20000, -25, 0, 0, 25},
-        {"lastTime now", 1, 1, 1, 10000, 20000, 0, 0, 0, 0},
-        {"lastTime ahead", 1, 1, 1, 10000, 20000, 30, 0, 0, 0},
-    };
-    for (const Case &k : cases) {
-        memset(&tmCore, 0, sizeof tmCore);
-        int32_t now = At("2023-03-20 10:00:30+01:00");
-        Synced("2023-03-15 08:30:00+01:00", 15, now);
-        ed.enable = k.enable;
-        ed.link = k.link;
-        tmCore.simActive = k.simulated;
-        tmCore.sim.simTx = k.wanTx;
-        tmCore.sim.simRx = k.wanRx;
-        ed.lastTx = 10000;
-        ed.lastRx = 20000;
-        ed.lastTime = now + k.lastTimeOffset;
-        ed.todayTx = 1, ed.todayRx = 2, ed.todayTime = 3;
-        ed.weekTx = 10, ed.weekRx = 20, ed.weekTime = 30;
-        ed.monthlyTx = 100, ed.monthlyRx = 200, ed.monthlyTime = 300;
-        ed.yesterdayTx = 1000, ed.yesterdayRx = 2000, ed.yesterdayTime = 3000;
-        ed.otherTx = 4, ed.otherRx = 5, ed.otherTime = 6, ed.roundOffRx = 7;
-        ed.lastMonthTailTx = 11, ed.lastMonthTailRx = 12, ed.lastMonthTailTime = 13;
-        TmStatistic s = Run();
-        EXPECT_EQ(s.today.upload, 1 + 4 + k.addTx) << k.what;
-        EXPECT_EQ(s.today.download, 2 + 5 + 7 + k.addRx) << k.what;
-        EXPECT_EQ(s.today.conntime, 3 + 6 + k.addTime) << k.what;
-        EXPECT_EQ(s.thisweek.upload, 10 + 4 + k.addTx) << k.what;
-        EXPECT_EQ(s.thisweek.download, 20 + 5 + 7 + k.addRx) << k.what;
-        EXPECT_EQ(s.thisweek.conntime, 30 + 6 + k.addTime) << k.what;
-        EXPECT_EQ(s.thismonth.upload, 100 + 4 + k.addTx) << k.what;
-        EXPECT_EQ(s.thismonth.download, 200 + 5 + 7 + k.addRx) << k.what;
-        EXPECT_EQ(s.thismonth.conntime, 300 + 6 + k.addTime) << k.what;
-        EXPECT_EQ(s.yesterday.upload, 1000u) << k.what;
-        EXPECT_EQ(s.yesterday.download, 2000u) << k.what;
-        EXPECT_EQ(s.yesterday.conntime, 3000) << k.what;
-        EXPECT_EQ(s.lastmonth.upload, 11u) << k.what;
-        EXPECT_EQ(s.lastmonth.download, 12u) << k.what;
-        EXPECT_EQ(s.lastmonth.conntime, 13) << k.what;
-    }
-}
-
-TEST_F(Collect, the_limit_by_its_type)
-{
-    const uint64_t M = UINT64_MAX;
-    struct Case {
-        uint32_t type;
-        uint64_t limitVol;
-        int32_t limitTime;
-        uint64_t tx, rx;
-        int32_t time;
-        uint32_t timeLimit;
-        uint64_t limited, used, left;
-    } cases[] = {
-        {0, 1000, 3600, 500, 300, 600, 0, 0, 0, 0},
-        {1, 1000, 0, 500, 300, 0, 0, 1000, 300, 700},
-        {1, 1000, 0, 5000, 300, 0, 0, 1000, 300, 700},  // upload doesn't count
-        {1, 1000, 0, 0, 1000, 0, 0, 1000, 1000, 0},
-        {1, 1000, 0, 0, 1001, 0, 0, 1000, 1001, 0},     // clamped at 0
-        {2, 1000, 0, 500, 300, 0, 0, 1000, 800, 200},
-        {2, 1000, 0, 700, 400, 0, 0, 1000, 1100, 0},
-        {3, 0, 3600, 500, 300, 600, 1, 3600, 600, 3000},
-        {3, 0, -5, 0, 0, 10, 1, M - 4, 10, 0},          // signed: -5 is below 10
-        {3, 0, 50, 0, 0, -100, 1, 50, M - 99, 150},     // signed: -100 is below 50
-        {3, 0, 100, 0, 0, 100, 1, 100, 100, 0},
-        {4, 1000, 3600, 500, 300, 600, 0, 0, 0, 0},
-    };
-    for (const Case &k : cases) {
-        memset(&tmCore, 0, sizeof tmCore);
-        Synced("2023-03-15 08:30:00+01:00", 15, At("2023-03-20 10:00:00+01:00"));
-        ed.limitType = k.type;
-        ed.limitVol = k.limitVol;
-        ed.limitTime = k.limitTime;
-        ed.monthlyTx = k.tx;
-        ed.monthlyRx = k.rx;
-        ed.monthlyTime = k.time;
-        TmStatistic s = Run();
-        EXPECT_EQ(s.timeLimit, k.timeLimit) << "type " << k.type;
-        EXPECT_EQ(s.dataLimited, k.limited) << "type " << k.type;
-        EXPECT_EQ(s.dataUsed, k.used) << "type " << k.type << " " << k.tx << "/" << k.rx << "/" << k.time;
-        EXPECT_EQ(s.volume_left, k.left) << "type " << k.type << " " << k.tx << "/" << k.rx << "/" << k.time;
-    }
-}
-
-TEST_F(Collect, without_a_synchronised_clock_the_calendar_month_and_zeros)
-{
-    struct Case {
-        const char *zone, *now, *start;
-    } cases[] = {
-        {"Europe/Berlin", "2023-03-20 12:34:56+01:00", "2023-03-01 00:00:00+01:00"},
-        {"Europe/Berlin", "2023-04-01 00:00:00+02:00", "2023-04-01 00:00:00+02:00"},
-        {"Europe/Berlin", "2023-10-31 10:00:00+01:00", "2023-10-01 00:00:00+02:00"},
-        {"America/New_York", "2023-03-31 23:59:59-04:00", "2023-03-01 00:00:00-05:00"},
-    };
-    for (const Case &k : cases) {
-        Zone(k.zone);
-        fakeClock = At(k.now);
-        // Everything that would count once the clock is set.
-        ed.enable = 1, ed.link = 1, ed.limitType = 2, ed.limitVol = 1000, ed.lastTime = fakeClock - 100;
-        ed.monthlyTx = ed.todayRx = ed.yesterdayTx = ed.weekRx = ed.lastMonthTailTx = 77;
-        ed.lastResetTime = fakeClock - 1000, ed.nextResetTime = fakeClock + 1000, ed.manualResetTime = 5;
-        tmCore.simActive = 1, tmCore.sim.simTx = 999;
-        TmStatistic s;
-        memset(&s, 0xA5, sizeof s);  // shows which fields are written
-        EXPECT_EQ(TmCollectStatistic(&s), 1);
-        EXPECT_EQ(s.current_data_time, fakeClock) << k.now;
-        EXPECT_EQ(s.start_data_time, At(k.start)) << k.now;
-        EXPECT_EQ(s.timeLimit, 0u);
-        EXPECT_EQ(s.volume_left, 0u);
-        EXPECT_EQ(s.dataUsed, 0u);
-        EXPECT_EQ((uint32_t)s.next_data_time, 0xA5A5A5A5u);  // left as the caller had them
-        EXPECT_EQ((uint32_t)s.manualTime, 0xA5A5A5A5u);
-        EXPECT_EQ(s.dataLimited, 0xA5A5A5A5A5A5A5A5ull);
-        for (const TmPeriodFigures *p : {&s.today, &s.yesterday, &s.thisweek, &s.thismonth, &s.lastmonth}) {
-            EXPECT_EQ(p->conntime, 0);
-            EXPECT_EQ(p->upload, 0u);
-            EXPECT_EQ(p->download, 0u);
-            EXPECT_EQ(p->elapsed, 1);
-        }
-    }
-}
-
-TEST_F(Collect, last_month_splits_the_entries_across_P_and_L_and_adds_the_rest_exactly)
-{
+    char b[TM_TEXT_SIZE];
+    EXPECT_STREQ(TmTextMegabytes(b, 5000), "0.00");  // the binary32 quotient lies just under 0.005
+    EXPECT_STREQ(TmTextMegabytes(b, 5000000), "5.00");
+    EXPECT_STREQ(TmTextMegabytes(b, 123456785000ull), "123456.78");  // the count is rounded to 24 bits first
+    EXPECT_STREQ(TmTextDuration(b, 360300), "100:05");
+    EXPECT_STREQ(TmTextRemainder(b, 5000000000ull, 0), " 4 G 672 M 380 K ");
+    EXPECT_STREQ(TmTextRemainder(b, 1000000000ull, 0), "953 M 690 K ");
+    EXPECT_STREQ(TmTextRemainder(b, 1000000ull, 0), "976 K ");
+    EXPECT_STREQ(TmTextRemainder(b, 0, 0), "0 K ");
+    EXPECT_STREQ(TmTextRemainder(b, 3 * 3600 + 5 * 60 + 59, 1), "3:5");
     Zone("UTC");
-    // Reset day 15 at 08:30: P 15 Feb 08:30, L 15 Mar 08:30, inside half-days.
-    Synced("2023-03-15 08:30:00+00:00", 15, At("2023-03-20 10:00:00+00:00"));
-    int32_t last = At("2023-03-20 00:00:00+00:00");  // the running half-day
-    for (int k = 0; k < TM_HDAY_LIST_SIZE; k++) {
-        ed.hDayList[k].tStart = last - 43200 * (123 - k);
-        ed.hDayList[k].tEnd = ed.hDayList[k].tStart + 43200;
-    }
-    auto entry = [&](const char *start) -> TmRecord & { return ed.hDayList[123 - (last - At(start)) / 43200]; };
-    auto fill = [](TmRecord &r, uint64_t tx, uint64_t rx, int32_t t) { r.tx = tx, r.rx = rx, r.tUsed = t; };
-    fill(entry("2023-02-14 12:00:00+00:00"), 999, 999, 999);       // before P
-    fill(entry("2023-02-15 00:00:00+00:00"), 43200, 0, 1000);      // across P: 12600 s of 43200
-    fill(entry("2023-02-15 12:00:00+00:00"), 16764616, 100, 60);   // whole
-    fill(entry("2023-03-14 12:00:00+00:00"), 1, 0, 0);             // whole: the sum is odd, 2^24 + 1
-    fill(entry("2023-03-15 00:00:00+00:00"), 0, 43200, 1000);      // across L: 30600 s of 43200
-    fill(entry("2023-03-15 12:00:00+00:00"), 5555, 5555, 5555);    // after L
-    fill(ed.hDayList[123], 7777, 7777, 7777);
-    ed.lastMonthTailTx = 3, ed.lastMonthTailTime = 7;
-    TmStatistic s = Run();
-    // The zero share across L still rounds the sum to 24 bits; the tail is exact.
-    EXPECT_EQ(s.lastmonth.upload, 16777216u + 3);
-    EXPECT_EQ(s.lastmonth.download, 100u + 30600);
-    EXPECT_EQ(s.lastmonth.conntime, 1059 + 7);  // 291.67 -> 291, + 60, + 708.33 -> 1059, + 7
-    EXPECT_EQ(s.lastmonth.elapsed, 28 * 86400);
-
-    // One entry reaching over the whole period takes the share of L - P.
-    memset(ed.hDayList, 0, sizeof ed.hDayList);
-    int32_t P = At("2023-02-15 08:30:00+00:00"), L = ed.lastResetTime;
-    ed.hDayList[122] = {P - 1000, L + 2000, 1000, 0, 0, 0};
-    ed.hDayList[123] = {L + 2000, L + 45200, 0, 0, 0, 0};
-    ed.lastMonthTailTx = 0, ed.lastMonthTailTime = 0;
-    EXPECT_EQ(Run().lastmonth.upload, 998u);  // 1000 * 2419200 / 2422200 = 998.76
+    EXPECT_STREQ(TmTextAsctime(b, 1700000000), "Tue Nov 14 22:13:20 2023\n");
 }
 
 }  // namespace

@@ -1,1 +1,0 @@
-kvard_add_gtest(tmtext_test SOURCES tmtext_test.cpp LIBS kvard_core)
