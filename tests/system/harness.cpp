@@ -26,20 +26,17 @@ using Clock = std::chrono::steady_clock;
 
 [[noreturn]] void Fail(const std::string &message) { throw std::runtime_error(message); }
 [[noreturn]] void FailErrno(const std::string &what) { Fail(what + ": " + strerror(errno)); }
-
-std::optional<std::string> Slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+void Must(const CommandResult &result) {
+    if (result.status != 0) Fail("kvard-sandbox failed: " + result.out);
 }
 
-// A hidden temporary beside PATH, then rename: readers never see half a file.
-void Replace(const std::string &path, std::string_view content) {
-    std::string temp = path.substr(0, path.rfind('/') + 1) + "." + path.substr(path.rfind('/') + 1) + ".tmp";
-    std::ofstream(temp, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
-    if (rename(temp.c_str(), path.c_str()) != 0) FailErrno("cannot replace " + path);
+const char *const kStore = "var/lib/kvard/mdm/";
+
+// Store text escaping: "\n" for a line feed, "\\" for a backslash.
+std::string EscapeStoreValue(std::string_view value) {
+    std::string out;
+    for (char c : value) out += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
+    return out;
 }
 
 std::string UnescapeStoreValue(std::string_view value) {
@@ -51,46 +48,30 @@ std::string UnescapeStoreValue(std::string_view value) {
     return out;
 }
 
-using Fields = std::vector<std::pair<std::string, std::string>>;
-
-Fields ParseObject(const std::string &text) {
-    Fields fields;
+StoreObject ParseObject(const std::string &text) {  // of two lines of a field, the first counts
+    StoreObject fields;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         size_t eq = line.find('=');
-        if (eq != std::string::npos) fields.emplace_back(line.substr(0, eq), UnescapeStoreValue(line.substr(eq + 1)));
+        if (eq != std::string::npos) fields.emplace(line.substr(0, eq), UnescapeStoreValue(line.substr(eq + 1)));
     }
     return fields;
 }
 
-// The store's lock, held for the life of the object.
-struct StoreLock {
+struct StoreLock {  // the store's lock, held for the life of the object
     int fd;
-    explicit StoreLock(const std::string &store)
-        : fd(open((store + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-        if (fd < 0 || flock(fd, LOCK_EX) != 0) FailErrno("cannot lock " + store + "/.lock");
+    explicit StoreLock(const std::string &path) : fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+        if (fd < 0 || flock(fd, LOCK_EX) != 0) FailErrno("cannot lock " + path);
     }
     ~StoreLock() { close(fd); }
 };
 
 }  // namespace
 
-void PrintTo(const ProgramStatus &status, std::ostream *out) {
-    static const char *const kinds[] = {"not started", "running", "exited ", "killed by signal ", "failed: "};
-    *out << kinds[status.kind] << (status.kind == ProgramStatus::Exited || status.kind == ProgramStatus::Killed
-                                       ? std::to_string(status.value) : status.text);
-}
-
 std::string InstalledPrefix() {
     const char *prefix = getenv("KVARD_PREFIX");
     if (!prefix || !*prefix) Fail("KVARD_PREFIX is not set: system tests run on an installed tree (ctest's stage)");
     return prefix;
-}
-
-std::string EscapeStoreValue(std::string_view value) {
-    std::string out;
-    for (char c : value) out += c == '\\' ? "\\\\" : c == '\n' ? "\\n" : std::string(1, c);
-    return out;
 }
 
 Sandbox::Sandbox(SandboxOptions o) : options_(std::move(o)), runner_(InstalledPrefix() + "/bin/kvard-sandbox") {
@@ -100,15 +81,13 @@ Sandbox::Sandbox(SandboxOptions o) : options_(std::move(o)), runner_(InstalledPr
     if (!mkdtemp(dir_.data())) FailErrno("mkdtemp " + dir_);
     std::vector<std::string> args = {"init", dir_, "--time", options_.time, "--tz", options_.zone};
     if (!options_.mtd) args.push_back("--no-mtd");
-    CommandResult init = Runner(args);
-    if (init.status != 0) Fail("kvard-sandbox init failed: " + init.out);
+    Must(Runner(args));
     if (options_.command.empty()) options_.command = {InstalledPrefix() + "/sbin/kvard"};
 }
 
 Sandbox::~Sandbox() {
-    if (Status() == kRunning) Runner({"stop", dir_, "TERM", "--timeout", "2"});
+    if (Status() == "running") Runner({"stop", dir_, "TERM", "--timeout", "2"});
     Reap();
-    if (socket_ >= 0) close(socket_);
     if (::testing::Test::HasFailure() || getenv("KVARD_KEEP_SANDBOX"))
         fprintf(stderr, "sandbox state kept in %s\n", dir_.c_str());
     else
@@ -131,17 +110,13 @@ CommandResult Sandbox::Runner(const std::vector<std::string> &args) const {
     return result;
 }
 
-static void Must(const CommandResult &result) {
-    if (result.status != 0) Fail("kvard-sandbox failed: " + result.out);
-}
-
 void Sandbox::Reap() {  // only once the box has ended: the runner ends with it
     if (runChild_ > 0) waitpid(runChild_, nullptr, 0);
     runChild_ = 0;
 }
 
 void Sandbox::Start(const std::vector<std::string> &extraEnv) {
-    if (Status().kind == ProgramStatus::Running) Fail("Start: the program of " + dir_ + " still runs");
+    if (Status() == "running") Fail("Start: the program of " + dir_ + " still runs");
     Reap();
     RemoveFile("sandbox/run/status");
     RemoveFile("sandbox/run/pid");
@@ -173,38 +148,33 @@ void Sandbox::Start(const std::vector<std::string> &extraEnv) {
     }
 }
 
-ProgramStatus Sandbox::Status() const {
-    if (auto text = ReadFile("sandbox/run/status")) {
-        if (text->rfind("exited ", 0) == 0) return Exited(atoi(text->c_str() + 7));
-        if (text->rfind("killed ", 0) == 0) return Killed(atoi(text->c_str() + 7));
-        return {ProgramStatus::Failed, 0, *text};
-    }
-    return runChild_ > 0 && ReadFile("sandbox/run/pid") ? kRunning : ProgramStatus{};
+std::string Sandbox::Status() const {
+    if (auto text = ReadFile("sandbox/run/status")) return text->substr(0, text->find('\n'));
+    return runChild_ > 0 && ReadFile("sandbox/run/pid") ? "running" : "not started";
 }
 
 pid_t Sandbox::ProgramPid() const {
-    return Status() == kRunning ? atoi(ReadFile("sandbox/run/pid").value_or("0").c_str()) : 0;
+    return Status() == "running" ? atoi(ReadFile("sandbox/run/pid").value_or("0").c_str()) : 0;
 }
 
-::testing::AssertionResult Sandbox::WaitReady(milliseconds timeout, int port) {
-    CommandResult wait = Runner({"wait", dir_, "--timeout", std::to_string(timeout.count() / 1000.0), "--port",
-                                 std::to_string(port)});
+::testing::AssertionResult Sandbox::WaitReady(milliseconds timeout) {
+    CommandResult wait = Runner({"wait", dir_, "--timeout", std::to_string(timeout.count() / 1000.0)});
     if (wait.status == 0) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "not ready: " << wait.out << "\n[stderr]\n" << Stderr();
 }
 
 void Sandbox::Signal(int signal) { Must(Runner({"signal", dir_, std::to_string(signal)})); }
 
-ProgramStatus Sandbox::WaitExit(milliseconds timeout) {
+std::string Sandbox::WaitExit(milliseconds timeout) {
     for (auto deadline = Clock::now() + timeout;; std::this_thread::sleep_for(milliseconds(2))) {
-        ProgramStatus status = Status();
-        if (status.kind != ProgramStatus::Running) Reap();
-        if (status.kind != ProgramStatus::Running || Clock::now() >= deadline) return status;
+        std::string status = Status();
+        if (status != "running") Reap();
+        if (status != "running" || Clock::now() >= deadline) return status;
     }
 }
 
-ProgramStatus Sandbox::Stop(milliseconds timeout) {
-    Must(Runner({"stop", dir_, "TERM", "--timeout", std::to_string(timeout.count() / 1000.0)}));
+std::string Sandbox::Stop() {
+    Must(Runner({"stop", dir_}));
     Reap();
     return Status();
 }
@@ -221,12 +191,24 @@ void Sandbox::SetNetDev(const std::vector<NetDev> &interfaces) {
 void Sandbox::SetUptime(double seconds) {
     char text[64];
     snprintf(text, sizeof text, "%.2f %.2f\n", seconds, seconds);
-    WriteProc("uptime", text);
+    WriteFile("proc/uptime", text);
 }
 
-std::optional<std::string> Sandbox::ReadFile(std::string_view relative) const { return Slurp(Path(relative)); }
+std::optional<std::string> Sandbox::ReadFile(std::string_view relative) const {
+    std::ifstream in(Path(relative), std::ios::binary);
+    if (!in) return std::nullopt;
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
 
-void Sandbox::WriteFile(std::string_view relative, std::string_view content) { Replace(Path(relative), content); }
+// A hidden temporary beside the file, then rename: readers never see half a file.
+void Sandbox::WriteFile(std::string_view relative, std::string_view content) {
+    std::string path = Path(relative);
+    std::string temp = path.substr(0, path.rfind('/') + 1) + "." + path.substr(path.rfind('/') + 1) + ".tmp";
+    std::ofstream(temp, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
+    if (rename(temp.c_str(), path.c_str()) != 0) FailErrno("cannot replace " + path);
+}
 
 void Sandbox::RemoveFile(std::string_view relative) {
     if (unlink(Path(relative).c_str()) != 0 && errno != ENOENT) FailErrno("cannot remove " + Path(relative));
@@ -237,7 +219,7 @@ void Sandbox::RemoveFile(std::string_view relative) {
     for (auto deadline = Clock::now() + timeout; (seen = ReadFile(file).value_or("")).find(text) == std::string::npos;
          std::this_thread::sleep_for(milliseconds(5)))
         if (Clock::now() >= deadline)
-            return ::testing::AssertionFailure() << file << " of " << dir_ << " (" << ::testing::PrintToString(Status())
+            return ::testing::AssertionFailure() << file << " of " << dir_ << " (" << Status()
                    << ") has no \"" << text << "\" after " << timeout.count() << " ms; it holds:\n"
                    << seen.substr(seen.size() > 999 ? seen.size() - 999 : 0) << "\n[stderr]\n" << Stderr().substr(0, 999);
     return ::testing::AssertionSuccess();
@@ -255,62 +237,52 @@ std::vector<std::vector<std::string>> Sandbox::StubCalls(std::string_view comman
 }
 
 std::optional<StoreObject> Sandbox::ReadObject(std::string_view name) const {
-    StoreLock lock(StoreDir());
-    auto text = Slurp(StoreDir() + "/" + std::string(name));
+    StoreLock lock(Path(kStore + std::string(".lock")));
+    auto text = ReadFile(kStore + std::string(name));
     if (!text) return std::nullopt;
-    Fields fields = ParseObject(*text);
-    return StoreObject(fields.begin(), fields.end());
+    return ParseObject(*text);
 }
 
-// Sets FIELDS; with KEEP every other line stays where it was.
+// Sets FIELDS; with KEEP the object's other fields stay.
 void Sandbox::Modify(std::string_view name, const StoreObject &fields, bool keep) {
-    StoreLock lock(StoreDir());
-    std::string path = StoreDir() + "/" + std::string(name), text;
-    StoreObject left = fields;
-    for (auto &[field, value] : keep ? ParseObject(Slurp(path).value_or("")) : Fields{}) {
-        auto given = left.find(field);
-        text += field + "=" + EscapeStoreValue(given == left.end() ? value : given->second) + "\n";
-        if (given != left.end()) left.erase(given);
-    }
-    for (const auto &[field, value] : left) text += field + "=" + EscapeStoreValue(value) + "\n";
-    Replace(path, text);
+    StoreLock lock(Path(kStore + std::string(".lock")));
+    std::string path = kStore + std::string(name), text;
+    StoreObject merged = keep ? ParseObject(ReadFile(path).value_or("")) : StoreObject{};
+    for (const auto &[field, value] : fields) merged[field] = value;
+    for (const auto &[field, value] : merged) text += field + "=" + EscapeStoreValue(value) + "\n";
+    WriteFile(path, text);
 }
 
-std::optional<std::string> Sandbox::Request(std::string_view datagram, milliseconds timeout, int port) {
-    std::string box = ReadFile("sandbox/run/box.pid").value_or("no box");
-    if (socket_ < 0 || socketBox_ != box) {
-        // Made inside the box's network namespace, the socket stays there
-        // after this thread has gone back to its own.
-        if (socket_ >= 0) close(socket_);
-        std::string theirs = "/proc/" + std::to_string(atoi(box.c_str())) + "/ns/net";
-        int own = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-        int other = open(theirs.c_str(), O_RDONLY | O_CLOEXEC);
-        if (own < 0 || other < 0 || setns(other, CLONE_NEWNET) != 0) FailErrno("cannot enter " + theirs);
-        socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (setns(own, CLONE_NEWNET) != 0) abort();  // the rest of the test would talk to the wrong network
-        close(own);
-        close(other);
-        if (socket_ < 0) FailErrno("cannot make a socket in " + theirs);
-        socketBox_ = box;
-    }
-    char buffer[65536];
-    while (recv(socket_, buffer, sizeof buffer, MSG_DONTWAIT) >= 0) continue;  // late replies to earlier requests
+std::optional<std::string> Sandbox::Request(std::string_view datagram, milliseconds timeout) {
+    // Made inside the box's network namespace, a fresh socket per request stays there after this thread
+    // has gone back to its own, and no late reply to an earlier request can reach it.
+    std::string theirs = "/proc/" + std::to_string(atoi(ReadFile("sandbox/run/box.pid").value_or("0").c_str())) +
+                         "/ns/net";
+    int own = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    int other = open(theirs.c_str(), O_RDONLY | O_CLOEXEC);
+    if (own < 0 || other < 0 || setns(other, CLONE_NEWNET) != 0) FailErrno("cannot enter " + theirs);
+    int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (setns(own, CLONE_NEWNET) != 0) abort();  // the rest of the test would talk to the wrong network
+    close(own);
+    close(other);
     sockaddr_in to = {};
     to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_port = htons(kControlPort);
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (sendto(socket_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
-        FailErrno("cannot send in " + dir_);
-    for (auto deadline = Clock::now() + timeout;;) {
+    if (sendto(sock, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to) < 0)
+        FailErrno("cannot send in " + theirs);
+    std::optional<std::string> reply;
+    char buffer[65536];
+    for (auto deadline = Clock::now() + timeout; !reply;) {
         auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
-        pollfd pfd = {socket_, POLLIN, 0};
-        if (left < 0 || poll(&pfd, 1, static_cast<int>(left)) == 0) return std::nullopt;
-        sockaddr_in from;
-        socklen_t length = sizeof from;
+        pollfd pfd = {sock, POLLIN, 0};
+        if (left < 0 || poll(&pfd, 1, static_cast<int>(left)) == 0) break;
         // An ICMP "port unreachable" shows as an error: nobody listens yet.
-        ssize_t n = recvfrom(socket_, buffer, sizeof buffer, MSG_DONTWAIT, (sockaddr *)&from, &length);
-        if (n >= 0 && from.sin_port == to.sin_port) return std::string(buffer, static_cast<size_t>(n));
+        ssize_t n = recv(sock, buffer, sizeof buffer, MSG_DONTWAIT);
+        if (n >= 0) reply = std::string(buffer, static_cast<size_t>(n));
     }
+    close(sock);
+    return reply;
 }
 
 std::optional<int32_t> Sandbox::Send(uint16_t code, std::string_view body, milliseconds timeout) {
@@ -319,9 +291,9 @@ std::optional<int32_t> Sandbox::Send(uint16_t code, std::string_view body, milli
     auto reply = Request(datagram.append(body), timeout);
     if (reply && reply->size() != 4) ADD_FAILURE() << "reply to code " << code << " has " << reply->size() << " bytes";
     if (!reply || reply->size() != 4) return std::nullopt;
-    uint32_t word = 0;
-    for (int i = 3; i >= 0; --i) word = word << 8 | static_cast<unsigned char>((*reply)[i]);
-    return static_cast<int32_t>(word);
+    int32_t word;
+    memcpy(&word, reply->data(), 4);  // the host's order is the target's, little-endian
+    return word;
 }
 
 }  // namespace kvard::test

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <ctime>
 
-#include "tests/system/harness.h"
+#include "tests/system/meter_util.h"
 
 namespace {
 
@@ -24,27 +24,20 @@ std::string Entry(int index, const std::string &start, const std::string &end, c
     return "Index: " + std::to_string(index) + " Start: " + Dated(start) + " End: " + Dated(end) + " tx: " + figures +
            " Time: 0 \n";
 }
-// The output of dump CODE: what follows a heartbeat sent just before it, once LAST is there.
+// The output of dump CODE, once LAST is there (stdout is unbuffered).
 std::string Dump(Sandbox &box, uint16_t code, int32_t reply, const std::string &last)
 {
-    std::string mark = "dump" + std::to_string(code);
-    EXPECT_EQ(box.Send(kHeartbeat, mark + std::string(1, '\0')), 0);
-    EXPECT_TRUE(box.WaitStdout("Heart Beat: " + mark + "\n"));
+    size_t from = box.Stdout().size();
     EXPECT_EQ(box.Send(code), reply);
     EXPECT_TRUE(box.WaitStdout(last, milliseconds(10000)));
-    std::string out = box.Stdout();
-    return out.substr(out.rfind("Heart Beat: " + mark + "\n") + mark.size() + 13);
+    return box.Stdout().substr(from);
 }
 size_t Lines(const std::string &text) { return std::count(text.begin(), text.end(), '\n'); }
 
 TEST(Dump, every_dump_line_by_line)
 {
-    SandboxOptions options;
-    options.time = "2026-03-10 09:59:30";
-    Sandbox box(options);
-    box.SetNetDev({{"eth0.1", 5000, 3000}});
-    box.Start();
-    ASSERT_TRUE(box.WaitReady());
+    Sandbox box({.time = "2026-03-10 09:59:30"});
+    meter::Go(box, {{"eth0.1", 5000, 3000}});
     EXPECT_EQ(Dump(box, 100, 0, "Next Flash Index min:"),
               "Minute Flash Size: 2304\nMinute Flash Start: 0\nHalf Day Flash Size: 256\nHalf Day Flash Start: 2304\n"
               "Latest Half Day time: 0=Thu Jan  1 00:00:00 1970\nLast Tx:3000 Rx:5000 Init Link Up Rx:0\n"

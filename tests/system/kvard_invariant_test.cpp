@@ -1,7 +1,5 @@
-// Days of random traffic, the daemon stopped and started at random minutes and
-// at the calendar's edges, its figures checked after every wake and start
-// against a model: a start derives the sums from what is stored, a record
-// across a bound split by time in binary32. KVARD_INVARIANT_SEED picks a run.
+// Days of random traffic with restarts at random minutes and at the calendar's edges, every figure
+// checked against an exact model after each wake and start. KVARD_INVARIANT_SEED picks a run.
 #include <cinttypes>
 #include <random>
 
@@ -13,9 +11,8 @@ using namespace kvard::test::meter;
 
 constexpr uint64_t kLimit = 100000;  // MB on tx + rx, never reached
 
-// Local time of T with day, hour and month moved or set: midnight DAYS after
-// T's day, this week's Sunday, T's half-day and the next; the monthly reset
-// on the 27th at 06:30 MONTHS after T's month, and the period that holds T.
+// Local time of T with day, hour and month moved or set: midnights, half-days, the monthly
+// reset on the 27th at 06:30 MONTHS after T's month, and the period that holds T.
 int32_t Local(int32_t t, int days, int hour, int months = 0, int mday = 0, int min = 0)
 {
     time_t v = t;
@@ -51,6 +48,13 @@ struct Sums {
     }
     bool operator==(const Sums &) const = default;
 };
+// Adds to INTO the share of V, booked on [A, E), that falls in [LO, HI).
+void Take(Sums &into, const Sums &v, int32_t a, int32_t e, int32_t lo, int32_t hi)
+{
+    if (std::max(a, lo) >= std::min(e, hi)) return;
+    if (a >= lo && e <= hi) into.Add(v);
+    else into.Part(v, int64_t(std::min(e, hi)) - std::max(a, lo), int64_t(e) - a);
+}
 std::string Format(const char *format, auto... values)
 {
     char out[64];
@@ -117,13 +121,7 @@ struct Model {
         const std::array<int32_t, 4> from = From(t);
         std::array<Sums, 4> s;
         auto take = [&](int32_t a, int32_t e, const Sums &v) {
-            for (int g : {kMonth, kToday, kWeek}) {
-                if (a >= from[g]) s[g].Add(v);
-                else if (from[g] < e) s[g].Part(v, int64_t(e) - from[g], int64_t(e) - a);
-            }
-            if (from[kYesterday] >= e || d <= a) return;
-            if (a >= from[kYesterday] && e <= d) s[kYesterday].Add(v);
-            else s[kYesterday].Part(v, int64_t(std::min(e, d)) - std::max(a, from[kYesterday]), e - a);
+            for (int g = 0; g < 4; g++) Take(s[g], v, a, e, from[g], g == kYesterday ? d : INT32_MAX);
         };
         for (auto it = halves.begin(); it != halves.end() && it->first < running; ++it)
             if (HalfEnd(it->first) > L) take(it->first, HalfEnd(it->first), it->second);
@@ -131,27 +129,22 @@ struct Model {
             if (it->first + 60 > L) take(it->first, it->first + 60, it->second);
         return s;
     }
-    // Last month from the half-day list at NOW: entries whole inside [P, L),
-    // shares of those across either bound (the running one, empty, too), then
-    // the minutes of the running half-day before L.
+    // Last month from the half-day list at NOW: entries inside [P, L), shares of those across
+    // a bound (the running one, empty, too), then the running half-day's minutes before L.
     Sums LastMonth(int32_t now) const
     {
         const int32_t running = Half(now), P = Period(L - 1).first;
         Sums out;
         for (int32_t a = Half(P), e; a < L && a <= running; a = e) {
             e = HalfEnd(a);
-            Sums v = a < running && halves.count(a) ? halves.at(a) : Sums{};
-            if (e <= P) continue;
-            if (a >= P && e <= L) out.Add(v);
-            else out.Part(v, int64_t(std::min(e, L)) - std::max(a, P), int64_t(e) - a);
+            Take(out, a < running && halves.count(a) ? halves.at(a) : Sums{}, a, e, P, L);
         }
         for (auto it = booked.lower_bound(running); it != booked.end() && it->first + 60 <= L; ++it) out.Add(it->second);
         return out;
     }
 };
 
-// Stops at the calendar's edges beside the random ones: at the first wake at
-// or after AT, a stop OFFSET seconds later and a start DOWN seconds after it.
+// Stops beside the random ones: at the first wake at or after AT, OFFSET s later, back DOWN s after.
 const struct { const char *at; int offset, down; } kRestarts[] = {
     {"2026-03-24 12:00:00", 0, 0},         // at a half-day boundary to the second
     {"2026-03-24 23:20:00", 0, 110 * 60},  // down across midnight: the evening is folded
@@ -178,12 +171,9 @@ TEST(Invariant, random_traffic_with_restarts_agrees_with_the_model)
     box.UpdateObject("2888", {{"day", "27"}, {"hour", "6"}, {"min", "30"}, {"volcontrl", "true"},
                               {"contrl_type", "Both directions"}, {"volume_monthly_limit", std::to_string(kLimit)}});
     Model model;
-    // The statistics read the system clock, the core the simulated one: both are set alike.
-    auto setClock = [&](int32_t at) { box.WriteFile("sandbox/clock", Text(at) + "\n"); };
     auto start = [&](int32_t at) {
-        box.SetNetDev({{"ppp0.2", rx, tx}});
-        setClock(at);
-        Go(box);
+        SetClock(box, at);
+        Go(box, {{"ppp0.2", rx, tx}});
         model.Start(at, tx, rx);
     };
     auto check = [&](int32_t now, const std::string &when) {
@@ -201,9 +191,7 @@ TEST(Invariant, random_traffic_with_restarts_agrees_with_the_model)
         int32_t w = due + 60 * (roll < 90 ? 0 : roll < 98 ? 1 + below(10) : 10 + below(170));
         w = due == boundary ? due : std::max(due, std::min(w, boundary - 60));
         traffic(w - t);
-        SimInput(box, t = w, tx, rx);
-        setClock(w);
-        SimWake(box);
+        SimWake(box, t = w, tx, rx);
         model.Wake(w, tx, rx);
         check(w, "after the wake at");
         int offset = below(60), down = below(4) ? 0 : below(8 * 3600);
@@ -211,12 +199,11 @@ TEST(Invariant, random_traffic_with_restarts_agrees_with_the_model)
             offset = kRestarts[forced].offset, down = kRestarts[forced++].down;
         else if (below(500))
             continue;
-        // Show the minute in progress, stop, and start again DOWN later; the
-        // traffic meanwhile is never seen.
+        // Show the minute in progress, stop, and start again DOWN later; the traffic meanwhile is never seen.
         t += offset;
         traffic(t - model.last.t);
         SimInput(box, t, tx, rx);
-        setClock(t);
+        SetClock(box, t);
         Want(box.Send(kWriteStatistic), 1, "write statistic");
         check(t, "before the stop at");
         std::array<Sums, 4> before = model.sums;
@@ -224,8 +211,7 @@ TEST(Invariant, random_traffic_with_restarts_agrees_with_the_model)
         traffic(down);
         start(t += down);
         check(t, "after the start at");
-        // Only a record across the period's start, split by time rather than
-        // by when its traffic flowed, may move a sum whose bound is that start.
+        // Only a record across the period's start, split by time, may move a sum bounded by that start.
         bool split = Half(model.L) != model.L && HalfEnd(model.L) <= Half(t);
         for (int g = 0; g < 4 && !down; g++)
             EXPECT_TRUE((split && model.From(t)[g] == model.L) || before[g] == model.sums[g]) << "sum " << g << " moved";

@@ -7,13 +7,10 @@ using namespace kvard::test::meter;
 TEST(Meter, wakes_close_minutes_half_days_and_the_sunday_midnight)
 {
     auto at = [](const std::string &clock) { return T("2026-03-14 " + clock); };  // a Saturday
+    auto minute = [&](const char *clock, uint64_t tx, uint64_t rx) { return Record{at(clock), at(clock) + 60, tx, rx}; };
     Sandbox box(At("2026-03-14 09:59:00"));
-    box.SetNetDev({{"eth0.1", 1000, 1000}});
-    Go(box);
-    auto wake = [&](const char *clock, uint64_t rx, uint64_t tx) {
-        box.SetNetDev({{"eth0.1", rx, tx}});
-        WakeAt(box, at(clock));
-    };
+    Go(box, {{"eth0.1", 1000, 1000}});
+    auto wake = [&](const char *clock, uint64_t rx, uint64_t tx) { WakeAt(box, at(clock), {{"eth0.1", rx, tx}}); };
     wake("10:00:00", 1000, 1000);
     wake("10:00:40", 1000, 1000);
     EXPECT_EQ(Stat(box, "current_data_time"), Asc(at("10:00:00"))) << "by the idle minute, not by the wake within it";
@@ -28,37 +25,23 @@ TEST(Meter, wakes_close_minutes_half_days_and_the_sunday_midnight)
     wake("10:05:00", 1000, 150);
     wake("09:30:00", 2000, 150);  // the clock set back closes nothing, the volume waits
     wake("10:06:00", 3000, 150);
-    EXPECT_EQ(Records(box, false), (std::vector<Record>{{at("10:00:00"), at("10:01:00"), 40000, 250000, 0},
-                                                        {at("10:01:00"), at("10:02:00"), 0, 20000, 0},
-                                                        {at("10:02:00"), at("10:03:00"), 0, 1000, 0},
-                                                        {at("10:03:00"), at("10:04:00"), 200, 300, 0},
-                                                        {at("10:04:00"), at("10:05:00"), 50, 100, 0},
-                                                        {at("10:05:00"), at("10:06:00"), 0, 2000, 0}}));
-    wake("10:12:30", 8000, 150);  // late by five minutes and more: all on the scheduled entry
-    std::vector<Record> lists = Lists(box);
-    EXPECT_EQ(lists[606], (Record{at("10:06:00"), at("10:07:00"), 0, 5000, 0}));
-    for (int32_t i = 7; i <= 12; i++) EXPECT_EQ(lists[600 + i], (Record{at("10:00:00") + 60 * i, at("10:01:00") + 60 * i}));
-    EXPECT_EQ(Records(box, false).size(), 7u);
-    EXPECT_EQ(Num(Dump(box, kDumpState), kNextMin), at("10:13:00"));
+    EXPECT_EQ(Records(box, false), (std::vector<Record>{minute("10:00:00", 40000, 250000), minute("10:01:00", 0, 20000),
+                                                        minute("10:02:00", 0, 1000), minute("10:03:00", 200, 300),
+                                                        minute("10:04:00", 50, 100), minute("10:05:00", 0, 2000)}));
+    wake("10:12:30", 8000, 150);  // late by five minutes and more: all on the scheduled entry, once
+    EXPECT_EQ(Records(box, false).back(), minute("10:06:00", 0, 5000));
 
-    // The last minute of the half-day goes into the half-day record only, with its seconds.
+    // The half-day's last minute only in its record, with its seconds; 11:59, late too, books on 10:12.
     wake("11:59:00", 9000, 150);
     wake("12:00:00", 12000, 150);
-    uint64_t rx = 3000, tx = 0;
-    for (const Record &r : Records(box, false)) rx += r.rx, tx += r.tx;
-    EXPECT_EQ(Records(box, false).back().tStart, at("10:12:00")) << "not 11:59";
-    EXPECT_EQ(Records(box, true), (std::vector<Record>{{at("00:00:00"), at("12:00:00"), tx, rx, 60}}));
-    EXPECT_EQ(Num(Dump(box, kDumpState), kNextHDay), T("2026-03-15 00:00:00"));
+    EXPECT_EQ(Records(box, false).back(), minute("10:12:00", 0, 1000));
+    EXPECT_EQ(Records(box, true), (std::vector<Record>{{at("00:00:00"), at("12:00:00"), 40250, 279400 + 3000, 60}}));
 
-    // Without a link, on simulated input: an afternoon without traffic still
-    // writes its record, and Sunday midnight moves today and clears the week.
+    // Without a link, on simulated input: an idle afternoon still writes its record; Sunday midnight clears the week.
     std::string today = Stat(box, "today_download");
     EXPECT_EQ(Stat(box, "thisweek_download"), today);
     box.WriteObject("1400", {});
-    for (int32_t t : {at("12:00:30"), at("23:59:00"), T("2026-03-15 00:00:00")}) {
-        SimInput(box, t, 150, 12000);
-        SimWake(box);
-    }
+    for (int32_t t : {at("12:00:30"), at("23:59:00"), T("2026-03-15 00:00:00")}) SimWake(box, t, 150, 12000);
     EXPECT_EQ(Records(box, true).back(), (Record{at("12:00:00"), T("2026-03-15 00:00:00"), 0, 0, 0}));
     ExpectStats(box, {{"today_download", "0.00"}, {"yesterday_download", today}, {"thisweek_download", "0.00"}});
     WakeAt(box, T("2026-03-15 00:05:00"));  // after simulated input a timer wake does nothing
@@ -67,8 +50,7 @@ TEST(Meter, wakes_close_minutes_half_days_and_the_sunday_midnight)
     // The clock set forward by days: one half-day closes per run until the next lies ahead.
     int32_t want = T("2026-03-15 12:00:00");
     for (int i = 0; i < 6; i++) {
-        SimInput(box, T("2026-03-17 15:30:20") + 60 * i, 150, 12000);
-        SimWake(box);
+        SimWake(box, T("2026-03-17 15:30:20") + 60 * i, 150, 12000);
         want = std::min(want + 43200, T("2026-03-18 00:00:00"));
         EXPECT_EQ(Num(Dump(box, kDumpState), kNextHDay), want) << "run " << i;
     }
@@ -96,17 +78,13 @@ TEST(Meter, every_link_transition_and_the_ppp_minimum)
             SCOPED_TRACE(std::to_string(&r - rows) + (byWake ? " seen by the wake" : " by datagram"));
             setLink(r.to);
             SimInput(box, t + 20, tx += 300, rx += 600);
-            box.SetTime(Text(t + 20));
-            if (byWake) SimWake(box);
-            else Want(box.Send(kLinkUpdate), 1, "link update");
-            if (!byWake) {
-                box.SetTime(Text(t + 25));
-                Want(box.Send(kLinkUpdate), 1, "the same link again");
-            }
+            SetClock(box, t + 20);
+            Want(box.Send(byWake ? kSimWake : kLinkUpdate), byWake ? 3000000 : 1, "link update or wake");
+            SetClock(box, t + 25);
+            if (!byWake) Want(box.Send(kLinkUpdate), 1, "the same link again");
             EXPECT_EQ(Stat(box, "current_data_time"), Asc(t + 20)) << "published at once, not again for the same link";
             if (r.to == Ppp) linkUpRx = rx;
-            SimInput(box, t += 60, tx += 400, rx += 500);
-            SimWake(box);
+            SimWake(box, t += 60, tx += 400, rx += 500);
             std::string s = Dump(box, kDumpState);
             EXPECT_EQ(Num(s, "Init Link Up Rx:"), int64_t(linkUpRx));
             EXPECT_EQ(Num(s, "Last Minute tx:"), int64_t(r.tx));
@@ -125,8 +103,7 @@ TEST(Meter, every_link_transition_and_the_ppp_minimum)
             SimInput(box, t + 5 * int32_t(i + 1), 0, c.rx[i]);
             Want(box.Send(kLinkUpdate), 1, "link update");
         }
-        SimInput(box, t += 60, 0, c.rx.back());
-        SimWake(box);
+        SimWake(box, t += 60, 0, c.rx.back());
         EXPECT_EQ(Num(Dump(box, kDumpState), " rx:"), int64_t(c.minute)) << "session ending at rx " << c.rx.back();
     }
 }
@@ -142,8 +119,7 @@ TEST(Meter, the_first_synchronisation_takes_the_minutes_off_the_uptime_scale)
         image.WriteTo(box);
         box.UpdateObject("1045", {{"status", "Unsynchronized"}});
         box.SetUptime(1000.5);
-        box.SetNetDev({{"eth0.1", 50000, 50000}});
-        Go(box);
+        Go(box, {{"eth0.1", 50000, 50000}});
         box.SetNetDev({{"eth0.1", 350000, 50000}});
         box.SetUptime(1100);
         Want(box.Send(kTimeWake), 1, "wake");
@@ -153,9 +129,6 @@ TEST(Meter, the_first_synchronisation_takes_the_minutes_off_the_uptime_scale)
         box.UpdateObject("1045", {{"status", "Synchronized"}});
         box.SetUptime(1110);
         Want(box.Send(how), 1, "sync");
-        std::string s = Dump(box, kDumpState);
-        EXPECT_EQ(Num(s, kBaseMin), at("00:00:00"));
-        EXPECT_EQ(Num(s, kNextMin), at("10:06:00"));
         EXPECT_EQ(Stat(box, "thismonth_download"), "2.70") << "history restored, 0.7 MB since the start pending";
         WakeAt(box, at("10:06:00"));
         EXPECT_EQ(Records(box, false).back(), (Record{at("10:05:00"), at("10:06:00"), 0, 700000, 0}));
@@ -167,19 +140,13 @@ TEST(Meter, a_new_zone_name_in_mid_half_day_lays_the_history_out_anew)
 {
     auto at = [](const std::string &clock) { return T("2026-03-10 " + clock); };
     Sandbox box(At("2026-03-10 11:58:00"));
-    box.SetNetDev({{"eth0.1", 1000, 1000}});
-    Go(box);
-    box.SetNetDev({{"eth0.1", 101000, 1000}});
-    WakeAt(box, at("11:59:00"));
-    box.SetNetDev({{"eth0.1", 151000, 1000}});
+    Go(box, {{"eth0.1", 1000, 1000}});
+    WakeAt(box, at("11:59:00"), {{"eth0.1", 101000, 1000}});
     box.UpdateObject("1045", {{"localTimeZone", "Europe/Paris"}});
-    WakeAt(box, at("14:30:20"));  // past the boundary, a minute pending
-    std::string s = Dump(box, kDumpState);
-    EXPECT_EQ(Num(s, kBaseMin), at("12:00:00"));
-    EXPECT_EQ(Num(s, kNextMin), at("14:31:00"));
+    WakeAt(box, at("14:30:20"), {{"eth0.1", 151000, 1000}});  // past the boundary, a minute pending
     EXPECT_EQ(Records(box, true), (std::vector<Record>{{at("00:00:00"), at("12:00:00"), 0, 100000, 0}})) << "folded";
     WakeAt(box, at("14:31:00"));
-    EXPECT_EQ(Lists(box)[150], (Record{at("14:30:00"), at("14:31:00"), 0, 50000, 0})) << "the pending volume kept";
+    EXPECT_EQ(Lists(box)[150], (Record{at("14:30:00"), at("14:31:00"), 0, 50000, 0})) << "from 12:00, volume kept";
     EXPECT_EQ(Stat(box, "today_download"), "0.15");
 }
 
@@ -188,14 +155,11 @@ TEST(Meter, the_13_hour_half_day_leaves_two_records_with_one_start)
     // 25 October 2026 03:00 CEST becomes 02:00 CET: the 720 minutes end at 11:00.
     auto at = [](const std::string &clock) { return T("2026-10-25 " + clock); };
     Sandbox box(At("2026-10-25 10:58:00"));
-    box.SetNetDev({{"eth0.1", 1000, 1000}});
-    Go(box);
+    Go(box, {{"eth0.1", 1000, 1000}});
     uint64_t rx = 1000;
     for (auto [clock, delta] : {std::pair{"10:59:00", 100}, {"11:00:00", 200}, {"11:01:00", 400}, {"11:59:00", 800},
-                                {"12:00:00", 1600}}) {
-        box.SetNetDev({{"eth0.1", rx += delta, 1000}});
-        WakeAt(box, at(clock));
-    }
+                                {"12:00:00", 1600}})
+        WakeAt(box, at(clock), {{"eth0.1", rx += delta, 1000}});
     EXPECT_EQ(Records(box, true), (std::vector<Record>{{at("00:00:00"), at("11:00:00"), 0, 300, 60},
                                                        {at("00:00:00"), at("12:00:00"), 0, 2800, 60}}));
     EXPECT_EQ(Lists(box)[kH + 122], (Record{at("00:00:00"), at("12:00:00"), 0, 3100, 120})) << "one entry for both";
@@ -209,25 +173,10 @@ TEST(Meter, the_monthly_reset_keeps_the_old_periods_tail)
         int32_t t = T("2026-03-10 00:00:00") + 3600 * std::stoi(hour) - 120;
         Sandbox box(At(Text(t)));
         box.UpdateObject("2888", {{"day", "10"}, {"hour", hour}});
-        box.SetNetDev({{"eth0.1", 1000, 1000}});
-        Go(box);
-        for (uint64_t rx : {100000, 300000, 400000}) {
-            box.SetNetDev({{"eth0.1", 1000 + rx, 1000 + rx / 10}});
-            WakeAt(box, t += 60);
-            if (rx == 300000)
-                ExpectStats(box, {{"start_data_time", Asc(t)}, {"thismonth_download", "0.00"}, {"today_download", "0.00"},
-                                  {"yesterday_download", "0.00"}, {"thisweek_download", "0.00"}, {"lastmonth_download", "0.30"}});
-        }
-        ExpectStats(box, {{"thismonth_download", "0.10"}, {"today_download", "0.10"}, {"yesterday_download", "0.00"},
-                          {"lastmonth_download", "0.30"}, {"lastmonth_upload", "0.03"}});
-        if (hour[0] == '6') {
-            // The half-day record takes in the tail; the old period then
-            // gets its share by time, 6 of 12 hours of 0.4 MB.
-            WakeAt(box, T("2026-03-10 11:59:00"));
-            WakeAt(box, T("2026-03-10 12:00:00"));
-            EXPECT_EQ(Records(box, true), (std::vector<Record>{{T("2026-03-10 00:00:00"), T("2026-03-10 12:00:00"),
-                                                                40000, 400000, 60}}));
-            ExpectStats(box, {{"lastmonth_download", "0.20"}, {"thismonth_download", "0.10"}});
-        }
+        Go(box, {{"eth0.1", 1000, 1000}});
+        for (uint64_t rx : {100000, 300000, 400000}) WakeAt(box, t += 60, {{"eth0.1", 1000 + rx, 1000 + rx / 10}});
+        ExpectStats(box, {{"start_data_time", Asc(t - 60)}, {"thismonth_download", "0.10"}, {"today_download", "0.10"},
+                          {"yesterday_download", "0.00"}, {"thisweek_download", "0.10"}, {"lastmonth_download", "0.30"},
+                          {"lastmonth_upload", "0.03"}});
     }
 }

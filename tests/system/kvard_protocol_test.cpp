@@ -10,17 +10,14 @@
 namespace kvard::test {
 namespace {
 
-// Header fields in the target's (little-endian) order, then the body.
-std::string Datagram(uint16_t magic, uint16_t code, uint16_t length, const std::string &body = {}) {
-    std::string d;
-    for (uint16_t v : {magic, code, length, uint16_t(0)}) d += {char(v & 0xFF), char(v >> 8)};
-    return d + body;
-}
-
 template <typename... T> std::string Bytes(T... values) {  // little-endian, as the target lays them out
     std::string out;
     ((out += std::string(reinterpret_cast<const char *>(&values), sizeof values)), ...);
     return out;
+}
+
+std::string Datagram(uint16_t magic, uint16_t code, uint16_t length, const std::string &body = {}) {
+    return Bytes(magic, code, length, uint16_t(0)) + body;
 }
 
 TEST(Protocol, every_datagram_gets_its_reply_word_and_effect) {
@@ -29,16 +26,12 @@ TEST(Protocol, every_datagram_gets_its_reply_word_and_effect) {
     ASSERT_TRUE(box.WaitReady());
     const uint16_t magic = 0xA52D;
     const std::string hi = std::string("hi") + '\0', h92(92, 'h');
-    struct {
-        std::string datagram;
-        int32_t reply;  // 99: none
-        std::string out;
-    } rows[] = {
+    struct { std::string datagram; int32_t reply; std::string out; } rows[] = {  // reply 99: none
         {Datagram(magic, 1, 0).substr(0, 7), -1, ""},
         {"", 99, ""},
         {Datagram(0x2DA5, 1, 0), -1, ""},  // the magic in network order
         {Datagram(magic, 1, 4, "abc"), -1, ""},
-        {Datagram(magic, 1, 2, "abc"), -1, ""},
+        {Datagram(magic, 1, 0, "abc"), -1, ""},
         {Datagram(magic, 4436, 4, Bytes(5182) + "x"), -1, ""},
         {Datagram(magic, 1, 93, h92 + '\0'), 0, "Heart Beat: " + h92 + "\n"},
         {Datagram(magic, 1, 93, std::string(112, 'x')), 0, "Heart Beat: " + std::string(93, 'x') + "\n"},  // cut to 101
@@ -52,9 +45,9 @@ TEST(Protocol, every_datagram_gets_its_reply_word_and_effect) {
         {Datagram(magic, 4, 0), 1, ""},
         {Datagram(magic, 4436, 4, Bytes(5182)), 1, ""},  // four bytes: no switch
         {Datagram(magic, 1, 3, hi), 0, "Heart Beat: hi\n"},
-        {Datagram(magic, 4436, 5, Bytes(5182) + "z"), 1, ""},
-        {Datagram(magic, 1, 3, hi), 0, "Heart Beat: hi\nKVARD select wait for sec=3 usec=0\n"},
-        {Datagram(magic, 4436, 5, Bytes(5183) + "z"), 1, ""},
+        {Datagram(magic, 4436, 5, Bytes(5182) + "z"), 1, "KVARD select wait for sec=3 usec=0\n"},
+        {Datagram(magic, 1, 3, hi), 0, "KVARD select retval=1\nHeart Beat: hi\nKVARD select wait for sec=3 usec=0\n"},
+        {Datagram(magic, 4436, 5, Bytes(5183) + "z"), 1, "KVARD select retval=1\n"},
         {Datagram(magic, 1, 3, "end"), 0, "Heart Beat: end\n"},
         {Datagram(magic, 7254, 28, Bytes(1700000000, 0, 123456789012ULL, 42ULL, 0)), 1,
          "tx=123456789012 rx=42 now=1700000000 msg=0\n"},
@@ -72,11 +65,10 @@ TEST(Protocol, every_datagram_gets_its_reply_word_and_effect) {
         EXPECT_EQ(word, row.reply) << row.datagram.size() << " bytes: " << row.datagram;
         EXPECT_TRUE(box.WaitStdout(row.out));
     }
-    std::string out = box.Stdout();
-    EXPECT_GT(out.find("KVARD select"), out.find("Heart Beat: hi\n")) << "a four-byte switch switched debug on";
-    EXPECT_EQ(out.find("KVARD select", out.find("Heart Beat: end")), std::string::npos);
-    EXPECT_EQ(out.find("now=4000000000"), std::string::npos);
-    EXPECT_EQ(out.find("Heart Beat"), out.find("Heart Beat: hhh")) << "a malformed datagram was handled";
+    // Nothing else: no malformed datagram handled, debug lines only while it is on.
+    std::string expected, out = box.Stdout();
+    for (const auto &row : rows) expected += row.out;
+    EXPECT_EQ(out.erase(0, out.find("Heart Beat")), expected);
 }
 
 TEST(Protocol, the_timer_wakes_after_three_seconds_of_silence_only) {
@@ -95,14 +87,9 @@ TEST(Protocol, the_timer_wakes_after_three_seconds_of_silence_only) {
 }
 
 TEST(Wan, the_counting_base_comes_from_the_interface_the_store_names) {
-    struct {
-        const char *wanType, *upstream, *expected;
-    } rows[] = {
-        {"DHCP", "eth0", "Last Tx:222 Rx:111 "},
-        {"Static", "eth4", "Last Tx:888 Rx:777 "},
-        {"PPPoE", "eth0", "Last Tx:444 Rx:333 "},
-        {"L2TP", "eth0", "Last Tx:666 Rx:555 "},
-    };
+    struct { const char *wanType, *upstream, *expected; } rows[] = {
+        {"DHCP", "eth0", "Last Tx:222 Rx:111 "}, {"Static", "eth4", "Last Tx:888 Rx:777 "},
+        {"PPPoE", "eth0", "Last Tx:444 Rx:333 "}, {"L2TP", "eth0", "Last Tx:666 Rx:555 "}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.wanType);
         Sandbox box;

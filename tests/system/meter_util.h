@@ -1,12 +1,10 @@
-// Helpers of the metering and history tests: local time in the box's zone,
-// the flash rings read and written from the byte format, simulated input,
-// and the daemon's dumps parsed back into numbers.
+// Helpers of the metering and history tests: local time in the box's zone, the flash rings
+// read and written from the byte format, simulated input, the dumps parsed back into numbers.
 #ifndef KVARD_TESTS_SYSTEM_METER_UTIL_H
 #define KVARD_TESTS_SYSTEM_METER_UTIL_H
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <stdexcept>
 #include <thread>
@@ -40,15 +38,10 @@ inline std::string Text(int32_t t, const char *format = "%Y-%m-%d %H:%M:%S")
 }
 inline std::string Asc(int32_t t) { return Text(t, "%a %b %e %H:%M:%S %Y\n"); }  // as asctime
 
-inline SandboxOptions At(const std::string &time)
+inline SandboxOptions At(const std::string &time) { return {.time = time, .zone = kZone}; }
+inline void Go(Sandbox &box, const std::vector<NetDev> &counters = {})
 {
-    SandboxOptions o;
-    o.time = time;
-    o.zone = kZone;
-    return o;
-}
-inline void Go(Sandbox &box)
-{
+    if (!counters.empty()) box.SetNetDev(counters);
     box.Start();
     if (auto ready = box.WaitReady(); !ready) throw std::runtime_error(ready.message());
 }
@@ -73,12 +66,10 @@ constexpr uint32_t Crc32(const char *p, size_t n)
     }
     return ~crc;
 }
-static_assert(Crc32("123456789", 9) == 0xCBF43926u);
 
 inline uint64_t Le(const char *p, int n) { return n ? Le(p + 1, n - 1) << 8 | uint8_t(*p) : 0; }
 
-// The records of one ring of the box's image in page order: the pages with
-// length 32 and a matching CRC.
+// The records of one ring of the box's image in page order: pages of length 32 with a matching CRC.
 inline std::vector<Record> Records(const Sandbox &box, bool halfDay)
 {
     std::vector<Record> out;
@@ -91,21 +82,20 @@ inline std::vector<Record> Records(const Sandbox &box, bool halfDay)
     return out;
 }
 
-// A blank 8 MiB partition to lay records into, for a start on a history the
-// daemon never wrote. libmtdsim derives the page states from the content.
+// A blank 8 MiB partition to lay records into; libmtdsim derives the page states from the content.
 struct Image {
     std::string bytes = std::string(8u << 20, '\xFF');
     void Put(uint32_t page, const Record &r)
     {
-        char *at = &bytes[size_t(page) * kPageSize], *p = at;
-        auto put = [&p](uint64_t v, int n) { for (; n--; v >>= 8) *p++ = char(v); };
-        put(32, 2);  // length, then filler and, at offset 4, the CRC of the record
-        put(0, 6);
-        for (auto [value, width] : {std::pair<uint64_t, int>{uint32_t(r.tStart), 4}, {uint32_t(r.tEnd), 4},
-                                    {r.tx, 8}, {r.rx, 8}, {uint32_t(r.tUsed), 4}, {0, 4}})
-            put(value, width);
-        p = at + 4;
-        put(Crc32(at + 8, 32), 4);
+        char *at = &bytes[size_t(page) * kPageSize];
+        auto put = [](char *p, uint64_t v, int n) { for (; n--; v >>= 8) *p++ = char(v); };
+        put(at, 32, 8);  // the length, filler, and at offset 4 the CRC, put last
+        put(at + 8, uint32_t(r.tStart), 4);
+        put(at + 12, uint32_t(r.tEnd), 4);
+        put(at + 16, r.tx, 8);
+        put(at + 24, r.rx, 8);
+        put(at + 32, uint32_t(r.tUsed), 8);  // and 4 bytes of filler
+        put(at + 4, Crc32(at + 8, 32), 4);
     }
     void WriteTo(Sandbox &box) const
     {
@@ -118,21 +108,24 @@ inline void Want(std::optional<int32_t> reply, int32_t want, const char *what)
 {
     if (reply != want) throw std::runtime_error(std::string(what) + ": reply " + std::to_string(reply.value_or(-1)));
 }
+inline void SetClock(Sandbox &box, int32_t t) { box.WriteFile("sandbox/clock", Text(t) + "\n"); }
 // Simulated clock and counters; from then on only the simulation wake runs.
 inline void SimInput(Sandbox &box, int32_t now, uint64_t tx, uint64_t rx)
 {
-    std::string b(28, '\0');
-    int32_t quiet = 1;
-    memcpy(&b[0], &now, 4);
-    memcpy(&b[8], &tx, 8);
-    memcpy(&b[16], &rx, 8);
-    memcpy(&b[24], &quiet, 4);
-    Want(box.Send(kSimInput, b), 1, "sim input");
+    struct { int32_t now, unused; uint64_t tx, rx; int32_t quiet; } in{now, 0, tx, rx, 1};
+    Want(box.Send(kSimInput, std::string_view(reinterpret_cast<const char *>(&in), 28)), 1, "sim input");
 }
-inline void SimWake(Sandbox &box) { Want(box.Send(kSimWake), 3000000, "sim wake"); }
-inline void WakeAt(Sandbox &box, int32_t t)
+// The statistics read the system clock, the core the simulated one: both are set alike.
+inline void SimWake(Sandbox &box, int32_t now, uint64_t tx, uint64_t rx)
 {
-    box.SetTime(Text(t));
+    SimInput(box, now, tx, rx);
+    SetClock(box, now);
+    Want(box.Send(kSimWake), 3000000, "sim wake");
+}
+inline void WakeAt(Sandbox &box, int32_t t, const std::vector<NetDev> &counters = {})
+{
+    if (!counters.empty()) box.SetNetDev(counters);
+    SetClock(box, t);
     Want(box.Send(kTimeWake), 1, "wake");
 }
 
@@ -142,8 +135,7 @@ inline std::string Dump(Sandbox &box, uint16_t code)
     size_t from = box.Stdout().size();
     box.Send(code);
     for (auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);;) {
-        std::string out = box.Stdout();
-        out.erase(0, std::min(from, out.size()));
+        std::string out = box.Stdout().substr(from);  // stdout only grows
         size_t at = out.find(code == kDumpLists ? "Half Day List:" : "Next Flash Index");
         if (at != std::string::npos && std::count(out.begin() + at, out.end(), '\n') >= (code == kDumpLists ? 125 : 1)) return out;
         if (std::chrono::steady_clock::now() > until) throw std::runtime_error("dump incomplete: " + out.substr(0, 2000));
@@ -157,9 +149,8 @@ inline int64_t Num(const std::string &text, const std::string &label)
     if (at == std::string::npos) throw std::runtime_error("no \"" + label + "\" in " + text.substr(0, 2000));
     return strtoll(text.c_str() + at + label.size(), nullptr, 10);
 }
-inline const std::string kNextMin = "Next Minute Time: ", kBaseMin = "Base Minute Time: ",
-                         kNextHDay = "Next Half Day Time: ", kMinCursor = "Next Flash Index min:",
-                         kHDayCursor = " hday:", kLatest = "Latest Half Day time: ", kLastReset = "Last Reset Time: ";
+inline const std::string kNextMin = "Next Minute Time: ", kNextHDay = "Next Half Day Time: ",
+                         kMinCursor = "Next Flash Index min:", kHDayCursor = " hday:", kLatest = "Latest Half Day time: ";
 
 // Both lists: entries 0-719 the minutes, kH + 0 to kH + 123 the half-days.
 inline constexpr size_t kH = 720;

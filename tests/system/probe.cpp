@@ -1,7 +1,6 @@
-// Stands in for the daemon in the box: binds its UDP port, prints a datagram
-// in the daemon's format as hex and answers it with the word -2; any other
-// datagram is run as a shell command and answered with its output, but "now"
-// with the probe's own time.
+// Stands in for the daemon on its UDP port: prints a datagram with the daemon's magic as hex and answers
+// the word -2; "now" gets this long-running program's clock; anything else runs as a shell command.
+#include <err.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -15,7 +14,7 @@ int main() {
     peer.sin_family = AF_INET;
     peer.sin_port = htons(22724);
     peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(sock, reinterpret_cast<sockaddr *>(&peer), sizeof peer) != 0) return perror("probe: bind"), 1;
+    if (bind(sock, reinterpret_cast<sockaddr *>(&peer), sizeof peer) != 0) err(1, "bind");
     for (char in[4096], out[4096];;) {
         socklen_t length = sizeof peer;
         ssize_t n = recvfrom(sock, in, sizeof in - 1, 0, reinterpret_cast<sockaddr *>(&peer), &length);
@@ -24,7 +23,7 @@ int main() {
             for (ssize_t i = 0; i < n; ++i) printf("%02x ", static_cast<unsigned char>(in[i]));
             printf("\n");
             fflush(stdout);
-        } else if (n == 3 && std::string(in, 3) == "now") {  // the clock of a long-running program, as the daemon's
+        } else if (n == 3 && std::string(in, 3) == "now") {
             reply = std::to_string(time(nullptr));
         } else if (n >= 0) {
             in[n] = '\0';

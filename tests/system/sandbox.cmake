@@ -1,5 +1,4 @@
-# The harness that system tests drive the sandbox with, and the test of the
-# sandbox and of tmctl: a probe program runs in the box in the daemon's place.
+# The system tests' harness, and the test of the sandbox and tmctl with a probe in the daemon's place.
 add_library(kvard_harness STATIC ${CMAKE_CURRENT_LIST_DIR}/harness.cpp ${CMAKE_SOURCE_DIR}/tools/sandbox/stublog.cpp)
 target_include_directories(kvard_harness PUBLIC ${CMAKE_SOURCE_DIR})
 target_link_libraries(kvard_harness PUBLIC GTest::gtest)

@@ -12,11 +12,7 @@ namespace {
 using Calls = std::vector<std::vector<std::string>>;
 
 SandboxOptions Probe(const char *time, const char *zone) {
-    SandboxOptions options;
-    options.time = time;
-    options.zone = zone;
-    options.command = {getenv("SANDBOX_PROBE")};
-    return options;
+    return {.time = time, .zone = zone, .command = {getenv("SANDBOX_PROBE")}};
 }
 
 std::string Shell(Sandbox &box, const std::string &command) { return box.Request(command).value_or("<no reply>"); }
@@ -32,9 +28,7 @@ TEST(Sandbox, the_probe_sees_the_fakes_and_what_it_leaves_is_seen_outside) {
     ASSERT_TRUE(box.WaitReady());
     box.SetNetDev({{"eth0.1", 123456789012ULL, 42}});
     box.SetUptime(4242.5);
-    struct {
-        std::string command, reply;
-    } rows[] = {
+    struct { std::string command, reply; } rows[] = {
         {"cat /proc/mtd", "dev:    size   erasesize  name\nmtd0: 00800000 00020000 \"tm\"\n"},
         {"sed 's/:/ /' /proc/net/dev | awk '$1 == \"eth0.1\" {print $2, $10}'", "123456789012 42\n"},
         {"cat /proc/uptime", "4242.50 4242.50\n"},
@@ -59,40 +53,25 @@ TEST(Sandbox, the_probe_sees_the_fakes_and_what_it_leaves_is_seen_outside) {
     EXPECT_EQ(Shell(box, "date +%s"), "1711846800\n");
 }
 
-TEST(Tmctl, sends_the_header_and_body_byte_for_byte_and_prints_the_signed_reply) {
-    Sandbox box(Probe("2024-01-15 10:00:00", "UTC"));
+TEST(Tmctl, header_bytes_replies_exit_statuses_and_the_store) {
+    Sandbox box(Probe("2024-01-15 10:00:00", "UTC")), idle(SandboxOptions{.command = {"/bin/sleep", "60"}});
     box.Start();
+    idle.Start();
     ASSERT_TRUE(box.WaitReady());
-    std::string hex300;
-    for (int i = 0; i < 300; ++i) hex300 += "78";
-    struct {
-        std::vector<std::string> args;
-        std::string bytes;
-    } rows[] = {
-        {{"send", "TM_MSG_HEARTBEAT", "--text", "hi"}, "2d a5 01 00 03 00 00 00 68 69 00 \n"},
-        {{"send", "0x1154", "--hex", "3e 14 00 00 01"}, "2d a5 54 11 05 00 00 00 3e 14 00 00 01 \n"},
-        {{"send", "TM_MSG_SIM_INPUT"}, "2d a5 56 1c 00 00 00 00 \n"},
-        {{"send", "1", "--hex", hex300}, "2d a5 01 00 2c 01 00 00 78 78 "},
-        {{"raw", "2da5 07"}, "2d a5 07 \n"},
-    };
-    for (const auto &row : rows) {
-        CommandResult result = Tmctl(box, row.args);
-        EXPECT_EQ(result.status, 0) << row.bytes;
-        EXPECT_EQ(result.out, "-2\n") << row.bytes;
-        EXPECT_TRUE(box.WaitStdout(row.bytes));
-    }
-}
-
-TEST(Tmctl, exit_statuses_usage_and_the_store) {
-    Sandbox box(SandboxOptions{.command = {"/bin/sleep", "60"}});
-    box.Start();
+    CommandResult refused = Tmctl(idle, {"send", "TM_MSG_HEARTBEAT"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.out, "tmctl: nothing listens on 127.0.0.1:22724, the datagram was refused (is kvard running?)\n");
     struct {
         std::vector<std::string> args;
         int status;
-        std::string out;  // exactly, or with "..." its start
+        std::string out;        // exactly, or with "..." its start
+        std::string bytes = "";  // the probe's hex line of the datagram
     } rows[] = {
-        {{"send", "TM_MSG_HEARTBEAT"}, 1,
-         "tmctl: nothing listens on 127.0.0.1:22724, the datagram was refused (is kvard running?)\n"},
+        {{"send", "TM_MSG_HEARTBEAT", "--text", "hi"}, 0, "-2\n", "2d a5 01 00 03 00 00 00 68 69 00 \n"},
+        {{"send", "0x1154", "--hex", "3e 14 00 00 01"}, 0, "-2\n", "2d a5 54 11 05 00 00 00 3e 14 00 00 01 \n"},
+        {{"send", "TM_MSG_SIM_INPUT"}, 0, "-2\n", "2d a5 56 1c 00 00 00 00 \n"},
+        {{"send", "1", "--hex", std::string(600, '7')}, 0, "-2\n", "2d a5 01 00 2c 01 00 00 77 77 "},
+        {{"raw", "2da5 07"}, 0, "-2\n", "2d a5 07 \n"},
         {{"--help"}, 0, "usage: tmctl..."},
         {{"mdm", "set", "--help"}, 0, "usage: tmctl..."},
         {{"send", "TM_MSG_NOTHING"}, 2, "tmctl: ..."},
@@ -110,6 +89,7 @@ TEST(Tmctl, exit_statuses_usage_and_the_store) {
         size_t dots = row.out.find("...");
         EXPECT_EQ(result.out.substr(0, dots), row.out.substr(0, dots)) << row.args[0];
         EXPECT_FALSE(row.status && std::count(result.out.begin(), result.out.end(), '\n') != 1) << "one line";
+        EXPECT_TRUE(box.WaitStdout(row.bytes));
     }
     EXPECT_EQ(box.ReadObject("2889"),
               (StoreObject{{"warningTime", "Mon Mar  4 10:15:00 2024\n"}, {"limitedTime", ""}}));
