@@ -41,28 +41,23 @@ static int32_t TmFloatToI32(float value)
 // Multiplying first and dividing second is part of the result: the other
 // order gives other digits. The accumulator goes through binary32 too, so a
 // counter above 2^24 is rounded by every share it takes, even a share of 0.
-uint64_t TmShareU64(uint64_t acc, uint64_t c, int64_t part, int64_t len)
+static float Share(float sum, float count, int64_t part, int64_t len)
 {
-    float count = (float)c;
     float seconds = (float)part;
     float length = (float)len;
-    float sum = (float)acc;
     float product = count * seconds;
     float quotient = product / length;
-    float total = quotient + sum;
-    return TmFloatToU64(total);
+    return quotient + sum;
+}
+
+uint64_t TmShareU64(uint64_t acc, uint64_t c, int64_t part, int64_t len)
+{
+    return TmFloatToU64(Share((float)acc, (float)c, part, len));
 }
 
 int32_t TmShareI32(int32_t acc, int32_t c, int64_t part, int64_t len)
 {
-    float count = (float)c;
-    float seconds = (float)part;
-    float length = (float)len;
-    float sum = (float)acc;
-    float product = count * seconds;
-    float quotient = product / length;
-    float total = quotient + sum;
-    return TmFloatToI32(total);
+    return TmFloatToI32(Share((float)acc, (float)c, part, len));
 }
 
 void TmAddShare(TmRecord *bucket, const TmRecord *record, int64_t part)
