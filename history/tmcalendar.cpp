@@ -4,8 +4,7 @@
 
 #include "core/tmcore.h"
 
-// Broken-down local time of a 32-bit time value.
-static struct tm TmLocal(int32_t t)
+struct tm TmLocal(int32_t t)
 {
     time_t value = t;
     struct tm out = {};
@@ -13,8 +12,7 @@ static struct tm TmLocal(int32_t t)
     return out;
 }
 
-// mktime narrowed to the 32-bit time of the records.
-static int32_t TmMake(struct tm *fields)
+int32_t TmMake(struct tm *fields)
 {
     fields->tm_isdst = -1;
     return (int32_t)mktime(fields);

@@ -5,6 +5,12 @@
 #define KVARD_TMCALENDAR_H
 
 #include <cstdint>
+#include <ctime>
+
+// Broken-down local time of a 32-bit time value, and mktime (daylight saving
+// time decided by the zone) narrowed to the 32-bit time of the records.
+struct tm TmLocal(int32_t t);
+int32_t TmMake(struct tm *fields);
 
 // The day of the month on which a reset day falls (29-31 mean the month's last day).
 uint32_t TmResetDayOfMonth(uint32_t year, uint32_t month, uint32_t day);

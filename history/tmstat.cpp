@@ -131,20 +131,6 @@ int TmApportionRecord(TmRecord *buckets, uint32_t count, const TmRecord *record)
     return 0;
 }
 
-static struct tm TmLocalFields(int32_t t)
-{
-    time_t value = t;
-    struct tm out = {};
-    localtime_r(&value, &out);
-    return out;
-}
-
-static int32_t TmMakeLocal(struct tm *fields)
-{
-    fields->tm_isdst = -1;
-    return (int32_t)mktime(fields);
-}
-
 // Seconds from start to now, at least 1.
 static int64_t TmElapsed(int32_t now, int32_t start)
 {
@@ -157,27 +143,27 @@ static int64_t TmElapsed(int32_t now, int32_t start)
 static int32_t TmPrevPeriodStart(int32_t L, uint32_t resetDay)
 {
     uint32_t r = resetDay == 0 ? 1 : resetDay;
-    struct tm at = TmLocalFields(L);
+    struct tm at = TmLocal(L);
     int64_t probe = (int64_t)L - (r <= 14 ? TM_PROBE_EARLY_RESET : TM_PROBE_LATE_RESET);
-    struct tm fields = TmLocalFields((int32_t)probe);
+    struct tm fields = TmLocal((int32_t)probe);
     fields.tm_mday = (int)TmResetDayOfMonth((uint32_t)fields.tm_year + 1900, (uint32_t)fields.tm_mon, r);
     fields.tm_hour = at.tm_hour;
     fields.tm_min = at.tm_min;
     fields.tm_sec = 0;
-    return TmMakeLocal(&fields);
+    return TmMake(&fields);
 }
 
 // Without a synchronised clock there is no period: the figures are zero and
 // the start shown is the first of the current calendar month.
 static void TmCollectUnsynchronised(TmStatistic *out, int32_t now)
 {
-    struct tm fields = TmLocalFields(now);
+    struct tm fields = TmLocal(now);
     fields.tm_mday = 1;
     fields.tm_hour = 0;
     fields.tm_min = 0;
     fields.tm_sec = 0;
     out->current_data_time = now;
-    out->start_data_time = TmMakeLocal(&fields);
+    out->start_data_time = TmMake(&fields);
     out->timeLimit = 0;
     out->volume_left = 0;
     out->dataUsed = 0;
