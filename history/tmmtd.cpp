@@ -1,5 +1,6 @@
-// The lowest layer of the history. Every operation opens the device anew and
-// closes it again; the kernel is asked about bad blocks at each operation.
+// The lowest layer of the history, the only code that talks to the MTD device.
+// Every operation opens the device anew and closes it again; the kernel is
+// asked about bad blocks at each operation.
 #include "history/tmmtd.h"
 
 #include <cerrno>
@@ -18,9 +19,6 @@
 
 static struct mtd_info_user mtdInfoRaw;
 static char mtdDevicePath[26];
-
-struct mtd_info_user mtdGeometry;
-uint8_t *pageBuffer;
 
 int32_t TmMtdFind(struct mtd_info_user *out)
 {
@@ -165,52 +163,4 @@ int32_t TmMtdWrite(int64_t offset, const uint8_t *data, uint32_t length)
     free(page);
     close(fd);
     return result;
-}
-
-int32_t TmFlashInit(void)
-{
-    TmCrcInit();
-    memset(&mtdGeometry, 0, sizeof mtdGeometry);
-    if (TmMtdFind(&mtdGeometry) != 0) return -1;
-    // A geometry the rings can't be laid on is refused here, so that the
-    // daemon never runs on with it: no page or block size (the device did not
-    // answer), a block that is not a whole number of pages, or pages too small
-    // for one record with its header.
-    if (mtdGeometry.writesize < TM_FLASH_DATA_SIZE || mtdGeometry.erasesize < mtdGeometry.writesize ||
-        mtdGeometry.erasesize % mtdGeometry.writesize != 0) {
-        memset(&mtdGeometry, 0, sizeof mtdGeometry);
-        return -1;
-    }
-    pageBuffer = (uint8_t *)malloc(mtdGeometry.writesize);
-    return pageBuffer ? 0 : -1;
-}
-
-int32_t TmFlashCleanup(void)
-{
-    memset(&mtdGeometry, 0, sizeof mtdGeometry);
-    if (pageBuffer) {
-        free(pageBuffer);
-        pageBuffer = nullptr;
-    }
-    return 0;
-}
-
-uint32_t TmFlashPagesPerBlock(void)
-{
-    return mtdGeometry.erasesize / mtdGeometry.writesize;
-}
-
-uint32_t TmFlashAlignToBlock(uint32_t pages)
-{
-    uint32_t perBlock = TmFlashPagesPerBlock();
-    uint32_t aligned = perBlock * (pages / perBlock);
-    if (pages % perBlock != 0) aligned += perBlock;
-    return aligned;
-}
-
-void TmFlashPrintGeometry(void)
-{
-    printf("MTD Size: %u bytes(%u pages) Block Size:%u bytes(%u pages) Page Size: %u bytes\n", mtdGeometry.size,
-           mtdGeometry.size / mtdGeometry.writesize, mtdGeometry.erasesize,
-           mtdGeometry.erasesize / mtdGeometry.writesize, mtdGeometry.writesize);
 }
