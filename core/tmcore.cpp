@@ -11,6 +11,7 @@
 #include "history/tmmtd.h"
 #include "history/tmsidefile.h"
 #include "history/tmtotals.h"
+#include "history/tmwrap.h"
 #include "platform/bcm_dm_util.h"
 #include "platform/tmdump.h"
 #include "platform/tmwan.h"
@@ -70,8 +71,8 @@ int TmInit(const char *path)
         // No calendar yet: minutes and half-days run on the uptime scale.
         tmCore.sysUptime = (int32_t)TmUptime();
         tmCore.baseMin = tmCore.sysUptime - tmCore.sysUptime % 60;
-        tmCore.nextMin = tmCore.baseMin + 60;
-        tmCore.nextHDay = tmCore.baseMin + 43200;
+        tmCore.nextMin = TmWrapAdd(tmCore.baseMin, 60);
+        tmCore.nextHDay = TmWrapAdd(tmCore.baseMin, 43200);
         if (debugFlag)
             printf("sysUptime:%lu baseMin:%lu nextMin:%lu nextHDay:%lu\n", (unsigned long)(uint32_t)tmCore.sysUptime,
                    (unsigned long)(uint32_t)tmCore.baseMin, (unsigned long)(uint32_t)tmCore.nextMin,
@@ -154,7 +155,7 @@ static void TmRecountPeriod(int32_t now)
         TmAddFrom(g.month, m, b.L);
         if (m.tStart >= runningFrom) {
             if (m.tEnd <= b.L) TmAddWhole(g.tail, m);
-            else if (m.tStart < b.L) TmAddPart(g.tail, m, (int64_t)b.L - m.tStart);
+            else if (m.tStart < b.L) TmAddPart(g.tail, m, TmWrapSub(b.L, m.tStart));
         }
         if (m.tEnd <= b.L) continue;
         TmAddWhole(g.halfDay, m);

@@ -9,6 +9,7 @@
 #include "core/tmcore.h"
 #include "core/tmhandlers.h"
 #include "history/tmsidefile.h"
+#include "history/tmwrap.h"
 #include "platform/bcm_dm_util.h"
 
 TmLimitState TmEvaluateLimit(uint64_t tx, uint64_t rx, int32_t now)
@@ -40,8 +41,7 @@ TmLimitState TmEvaluateLimit(uint64_t tx, uint64_t rx, int32_t now)
         over = volume > c.limitVol;
     } else if (c.limitType == 3) {
         if (bcm_dm_GetWanType() != TM_LINK_PPP || now <= ed.lastTime) return s;
-        int32_t used = (int32_t)((uint32_t)now - (uint32_t)ed.lastTime + (uint32_t)ed.monthlyTime +
-                                 (uint32_t)ed.otherTime);
+        int32_t used = TmWrapAdd(TmWrapAdd(TmWrapSub(now, ed.lastTime), ed.monthlyTime), ed.otherTime);
         if (debugFlag)
             printf("exportData.monthlyTime:%lu exportData.lastTime:%lu exportData.otherTime:%lu "
                    "config.warnTime:%lu config.limitTime:%lu t:%lu\n",
@@ -85,7 +85,7 @@ void TmReactToLimit(const TmLimitState &s)
     }
     // The notice carries the system's own time, not the simulated clock.
     int32_t t = (int32_t)time(nullptr);
-    TrafficMeter_ProcessLimitWarning(s.limit, s.warn, s.disconnect, t, t - tmCore.exportData.lastResetTime);
+    TrafficMeter_ProcessLimitWarning(s.limit, s.warn, s.disconnect, t, TmWrapSub(t, tmCore.exportData.lastResetTime));
     if (debugFlag) printf("KVARD: Update Limit Warning (l:%d w:%d d:%d\n", (int)s.limit, (int)s.warn, (int)s.disconnect);
 }
 
@@ -120,7 +120,7 @@ static void TmSyslogLine(int isLimit)
             snprintf(line, sizeof line,
                      "logger -p local5.warn -t \"t Router operation\" [RouterOp][Traffic Meter]The counter is %lu "
                      "hours before the monthly limit is reached,",
-                     (unsigned long)(uint32_t)((int32_t)((uint32_t)c.limitTime - (uint32_t)c.warnTime) / 3600));
+                     (unsigned long)(uint32_t)(TmWrapSub(c.limitTime, c.warnTime) / 3600));
         system(line);
     }
 }

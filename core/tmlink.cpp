@@ -5,6 +5,7 @@
 
 #include "core/tmcore.h"
 #include "core/tmhandlers.h"
+#include "history/tmwrap.h"
 #include "platform/bcm_dm_util.h"
 #include "platform/tmwan.h"
 
@@ -29,7 +30,7 @@ static void TmBankRunningMinute(uint32_t oldLink, uint64_t tx, uint64_t rx, int3
         ed.lastRx = rx;
     }
     if (ed.lastTime < now) {
-        ed.otherTime += now - ed.lastTime;
+        ed.otherTime = TmWrapAdd(ed.otherTime, TmWrapSub(now, ed.lastTime));
         ed.lastTime = now;
     }
     // A PPP session that received less than roundOff counts as having received exactly that.

@@ -12,6 +12,7 @@
 #include "history/tmflash.h"
 #include "history/tmsidefile.h"
 #include "history/tmstat.h"
+#include "history/tmwrap.h"
 #include "platform/bcm_dm_util.h"
 #include "platform/tmtext.h"
 #include "platform/tmwan.h"
@@ -32,8 +33,8 @@ static void TmLayOutMinList(void)
 {
     memset(tmCore.minList, 0, sizeof tmCore.minList);
     for (int i = 0; i < TM_MIN_LIST_SIZE; i++) {
-        tmCore.minList[i].tStart = tmCore.baseMin + 60 * i;
-        tmCore.minList[i].tEnd = tmCore.minList[i].tStart + 60;
+        tmCore.minList[i].tStart = TmWrapAdd(tmCore.baseMin, 60 * i);
+        tmCore.minList[i].tEnd = TmWrapAdd(tmCore.minList[i].tStart, 60);
     }
 }
 
@@ -43,14 +44,14 @@ static void TmCloseHalfDay(int32_t now, int closing, int *changed)
 {
     TmExportData &ed = tmCore.exportData;
     uint32_t n = 0;
-    if (tmCore.nextMin > tmCore.baseMin) n = (uint32_t)(tmCore.nextMin - tmCore.baseMin) / 60;
+    if (tmCore.nextMin > tmCore.baseMin) n = (uint32_t)TmWrapSub(tmCore.nextMin, tmCore.baseMin) / 60;
     if (n > TM_MIN_LIST_SIZE) n = TM_MIN_LIST_SIZE;
     TmRecord record;
     memset(&record, 0, sizeof record);
     for (uint32_t i = 0; i < n; i++) {
         record.tx += tmCore.minList[i].tx;
         record.rx += tmCore.minList[i].rx;
-        record.tUsed += tmCore.minList[i].tUsed;
+        record.tUsed = TmWrapAdd(record.tUsed, tmCore.minList[i].tUsed);
     }
     TmRecord &running = ed.hDayList[TM_HDAY_LIST_SIZE - 1];
     record.tStart = running.tStart;
@@ -64,7 +65,7 @@ static void TmCloseHalfDay(int32_t now, int closing, int *changed)
     }
     running.tx += record.tx;
     running.rx += record.rx;
-    running.tUsed += record.tUsed;
+    running.tUsed = TmWrapAdd(running.tUsed, record.tUsed);
     tmCore.baseMin = tmCore.nextMin;
     TmLayOutMinList();
     ed.lastMonthTailTx = ed.lastMonthTailRx = 0;
@@ -108,9 +109,9 @@ static void TmResetPeriod(int *changed)
         if (m.tEnd <= reset) {
             tx += m.tx;
             rx += m.rx;
-            used += m.tUsed;
+            used = TmWrapAdd(used, m.tUsed);
         } else if (m.tStart < reset) {
-            int64_t part = (int64_t)reset - m.tStart, len = (int64_t)m.tEnd - m.tStart;
+            int32_t part = TmWrapSub(reset, m.tStart), len = TmWrapSub(m.tEnd, m.tStart);
             tx = TmShareU64(tx, m.tx, part, len);
             rx = TmShareU64(rx, m.rx, part, len);
             used = TmShareI32(used, m.tUsed, part, len);
@@ -156,7 +157,7 @@ static TmRecord *TmCloseMinute(uint64_t tx, uint64_t rx, int32_t now, uint32_t *
 {
     TmExportData &ed = tmCore.exportData;
     if (tmCore.nextMin <= tmCore.baseMin) return nullptr;
-    *index = (uint32_t)(tmCore.nextMin - tmCore.baseMin) / 60;
+    *index = (uint32_t)TmWrapSub(tmCore.nextMin, tmCore.baseMin) / 60;
     if (*index < 1 || *index > TM_MIN_LIST_SIZE) return nullptr;
     TmRecord *minute = &tmCore.minList[*index - 1];
     if (TmQuietDebug())
@@ -170,7 +171,7 @@ static TmRecord *TmCloseMinute(uint64_t tx, uint64_t rx, int32_t now, uint32_t *
         if (debugFlag) puts("Update next minute data!");
         if (ed.lastTx < tx) minute->tx += tx - ed.lastTx;
         if (ed.lastRx < rx) minute->rx += rx - ed.lastRx;
-        if (ed.lastTime < now) minute->tUsed += now - ed.lastTime;
+        if (ed.lastTime < now) minute->tUsed = TmWrapAdd(minute->tUsed, TmWrapSub(now, ed.lastTime));
     }
     if (TmQuietDebug())
         printf("Current counter tx:%llu rx:%llu time:%lu config.enable=%u\n", (unsigned long long)minute->tx,
@@ -185,10 +186,10 @@ static TmRecord *TmCloseMinute(uint64_t tx, uint64_t rx, int32_t now, uint32_t *
     ed.todayRx += minute->rx;
     ed.weekRx += minute->rx;
     ed.hDayRx += minute->rx;
-    ed.monthlyTime += minute->tUsed;
-    ed.todayTime += minute->tUsed;
-    ed.weekTime += minute->tUsed;
-    ed.hDayTime += minute->tUsed;
+    ed.monthlyTime = TmWrapAdd(ed.monthlyTime, minute->tUsed);
+    ed.todayTime = TmWrapAdd(ed.todayTime, minute->tUsed);
+    ed.weekTime = TmWrapAdd(ed.weekTime, minute->tUsed);
+    ed.hDayTime = TmWrapAdd(ed.hDayTime, minute->tUsed);
     return minute;
 }
 

@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "core/tmcore.h"
+#include "history/tmwrap.h"
 
 struct tm TmLocal(int32_t t)
 {
@@ -15,7 +16,10 @@ struct tm TmLocal(int32_t t)
 int32_t TmMake(struct tm *fields)
 {
     fields->tm_isdst = -1;
-    return (int32_t)mktime(fields);
+    // A 32-bit time_t cannot hold a moment outside its range: the router's
+    // mktime answers such a one with -1, and so does this one.
+    int64_t t = (int64_t)mktime(fields);
+    return t < INT32_MIN || t > INT32_MAX ? -1 : (int32_t)t;
 }
 
 uint32_t TmResetDayOfMonth(uint32_t year, uint32_t month, uint32_t day)
@@ -31,14 +35,14 @@ uint32_t TmResetDayOfMonth(uint32_t year, uint32_t month, uint32_t day)
 
 int32_t TmNextMinute(int32_t t)
 {
-    return (t + 60) / 60 * 60;
+    return TmWrapAdd(t, 60) / 60 * 60;
 }
 
 int32_t TmNextHalfDay(int32_t t)
 {
     int hour = TmLocal(t).tm_hour;
     // Lands inside the half-day after the one that holds t.
-    int32_t u = (hour <= 3 || (hour >= 12 && hour <= 14)) ? t + 50400 : t + 36000;
+    int32_t u = (hour <= 3 || (hour >= 12 && hour <= 14)) ? TmWrapAdd(t, 50400) : TmWrapAdd(t, 36000);
     struct tm fields = TmLocal(u);
     fields.tm_min = 0;
     fields.tm_sec = 0;
@@ -48,7 +52,7 @@ int32_t TmNextHalfDay(int32_t t)
 
 int32_t TmPrevHalfDay(int32_t t)
 {
-    struct tm fields = TmLocal(t - 60);
+    struct tm fields = TmLocal(TmWrapSub(t, 60));
     fields.tm_min = 0;
     fields.tm_sec = 0;
     fields.tm_hour = fields.tm_hour > 11 ? 12 : 0;
@@ -66,23 +70,23 @@ int32_t TmDayStart(int32_t t)
 
 int32_t TmPrevDayStart(int32_t d)
 {
-    return TmDayStart(d - 43200);
+    return TmDayStart(TmWrapSub(d, 43200));
 }
 
 int32_t TmWeekStart(int32_t d)
 {
     int wday = TmLocal(d).tm_wday;
     // The probe at about noon stays clear of any shift.
-    return TmDayStart(d + 43200 - 86400 * wday);
+    return TmDayStart(TmWrapAdd(d, 43200 - 86400 * wday));
 }
 
 void TmCalcDayWeekBoundaries(int32_t t)
 {
     int hour = TmLocal(t).tm_hour;
-    int32_t u = hour <= 12 ? t + 93600 : t + 50400;
+    int32_t u = hour <= 12 ? TmWrapAdd(t, 93600) : TmWrapAdd(t, 50400);
     tmCore.nextDay = TmDayStart(u);
     int wday = TmLocal(tmCore.nextDay).tm_wday;
-    tmCore.nextWeek = wday == 0 ? tmCore.nextDay : TmDayStart(tmCore.nextDay + 43200 + 86400 * (7 - wday));
+    tmCore.nextWeek = wday == 0 ? tmCore.nextDay : TmDayStart(TmWrapAdd(tmCore.nextDay, 43200 + 86400 * (7 - wday)));
 }
 
 int TmCalcResetTimes(uint32_t day, uint32_t hour, uint32_t minute)

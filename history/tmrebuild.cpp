@@ -12,6 +12,7 @@
 #include "history/tmsidefile.h"
 #include "history/tmstat.h"
 #include "history/tmtotals.h"
+#include "history/tmwrap.h"
 #include "platform/bcm_dm_util.h"
 #include "platform/tmtext.h"
 
@@ -80,7 +81,7 @@ static void TmFrameLists(int32_t now)
     TmExportData &ed = tmCore.exportData;
     // The running half-day begins at the boundary at or before now, also in
     // the first minute after a boundary.
-    int32_t start = TmPrevHalfDay(now + 60);
+    int32_t start = TmPrevHalfDay(TmWrapAdd(now, 60));
     int32_t end = TmNextHalfDay(now);
     TmCalcDayWeekBoundaries(now);
     for (int i = TM_HDAY_LIST_SIZE - 1; i >= 0; i--) {
@@ -94,8 +95,8 @@ static void TmFrameLists(int32_t now)
     tmCore.nextMin = TmNextMinute(now);
     memset(tmCore.minList, 0, sizeof tmCore.minList);
     for (int i = 0; i < TM_MIN_LIST_SIZE; i++) {
-        tmCore.minList[i].tStart = tmCore.baseMin + 60 * i;
-        tmCore.minList[i].tEnd = tmCore.minList[i].tStart + 60;
+        tmCore.minList[i].tStart = TmWrapAdd(tmCore.baseMin, 60 * i);
+        tmCore.minList[i].tEnd = TmWrapAdd(tmCore.minList[i].tStart, 60);
     }
 }
 
@@ -161,7 +162,7 @@ int TmInitTrafficList(int bInit)
             continue;
         }
         // The tail takes its share whether a manual reset is in force or not.
-        if (m.tStart < b.L) TmAddPart(g.tail, m, (int64_t)b.L - m.tStart);
+        if (m.tStart < b.L) TmAddPart(g.tail, m, TmWrapSub(b.L, m.tStart));
         TmAddWhole(g.halfDay, m);
         TmAddToPeriods(g, b, m, 0);
     }

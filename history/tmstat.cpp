@@ -6,6 +6,7 @@
 #include "core/tmcore.h"
 #include "core/tmtrace.h"
 #include "history/tmcalendar.h"
+#include "history/tmwrap.h"
 #include "platform/tmwan.h"
 
 // The published digits are those of binary32 arithmetic step by step. A
@@ -41,7 +42,7 @@ static int32_t TmFloatToI32(float value)
 // Multiplying first and dividing second is part of the result: the other
 // order gives other digits. The accumulator goes through binary32 too, so a
 // counter above 2^24 is rounded by every share it takes, even a share of 0.
-static float Share(float sum, float count, int64_t part, int64_t len)
+static float Share(float sum, float count, int32_t part, int32_t len)
 {
     float seconds = (float)part;
     float length = (float)len;
@@ -50,29 +51,22 @@ static float Share(float sum, float count, int64_t part, int64_t len)
     return quotient + sum;
 }
 
-uint64_t TmShareU64(uint64_t acc, uint64_t c, int64_t part, int64_t len)
+uint64_t TmShareU64(uint64_t acc, uint64_t c, int32_t part, int32_t len)
 {
     return TmFloatToU64(Share((float)acc, (float)c, part, len));
 }
 
-int32_t TmShareI32(int32_t acc, int32_t c, int64_t part, int64_t len)
+int32_t TmShareI32(int32_t acc, int32_t c, int32_t part, int32_t len)
 {
     return TmFloatToI32(Share((float)acc, (float)c, part, len));
 }
 
-void TmAddShare(TmRecord *bucket, const TmRecord *record, int64_t part)
+void TmAddShare(TmRecord *bucket, const TmRecord *record, int32_t part)
 {
-    int64_t len = (int64_t)record->tEnd - record->tStart;
+    int32_t len = TmWrapSub(record->tEnd, record->tStart);
     bucket->tx = TmShareU64(bucket->tx, record->tx, part, len);
     bucket->rx = TmShareU64(bucket->rx, record->rx, part, len);
     bucket->tUsed = TmShareI32(bucket->tUsed, record->tUsed, part, len);
-}
-
-// 32-bit connection time adds as the target's registers do, wrapping rather
-// than trapping on a sum that no real month reaches.
-static int32_t TmAddTime(int32_t a, int64_t b)
-{
-    return (int32_t)((uint32_t)a + (uint32_t)(uint64_t)b);
 }
 
 int TmApportionRecord(TmRecord *buckets, uint32_t count, const TmRecord *record)
@@ -89,10 +83,10 @@ int TmApportionRecord(TmRecord *buckets, uint32_t count, const TmRecord *record)
     // reaching past the first bucket leaves all the rest to bucket 1.
     if (F->tStart > S) {
         if (E <= F->tEnd) {
-            TmAddShare(F, record, (int64_t)E - F->tStart);
+            TmAddShare(F, record, TmWrapSub(E, F->tStart));
         } else {
-            TmAddShare(F, record, (int64_t)F->tEnd - F->tStart);
-            TmAddShare(&buckets[1], record, (int64_t)E - F->tEnd);
+            TmAddShare(F, record, TmWrapSub(F->tEnd, F->tStart));
+            TmAddShare(&buckets[1], record, TmWrapSub(E, F->tEnd));
         }
         return 0;
     }
@@ -100,10 +94,10 @@ int TmApportionRecord(TmRecord *buckets, uint32_t count, const TmRecord *record)
     // began before the last bucket leaves all the rest to the one before it.
     if (G->tEnd < E) {
         if (S >= G->tStart) {
-            TmAddShare(G, record, (int64_t)G->tEnd - S);
+            TmAddShare(G, record, TmWrapSub(G->tEnd, S));
         } else {
-            TmAddShare(G, record, (int64_t)G->tEnd - G->tStart);
-            TmAddShare(&buckets[count - 2], record, (int64_t)G->tStart - S);
+            TmAddShare(G, record, TmWrapSub(G->tEnd, G->tStart));
+            TmAddShare(&buckets[count - 2], record, TmWrapSub(G->tStart, S));
         }
         return 0;
     }
@@ -115,26 +109,27 @@ int TmApportionRecord(TmRecord *buckets, uint32_t count, const TmRecord *record)
     if (B->tStart <= S) {
         B->tx += record->tx;
         B->rx += record->rx;
-        B->tUsed = TmAddTime(B->tUsed, record->tUsed);
+        B->tUsed = TmWrapAdd(B->tUsed, record->tUsed);
         return 0;
     }
     // B.tStart > S = F.tStart or later, so B is not the first bucket.
     TmRecord *A = &buckets[i - 1];
-    TmAddShare(B, record, (int64_t)E - B->tStart);
+    TmAddShare(B, record, TmWrapSub(E, B->tStart));
     if (A->tStart <= S) {
-        TmAddShare(A, record, (int64_t)B->tStart - S);
+        TmAddShare(A, record, TmWrapSub(B->tStart, S));
     } else {
         // Longer than two buckets: the third takes all the rest.
-        TmAddShare(A, record, (int64_t)A->tEnd - A->tStart);
-        TmAddShare(&buckets[i - 2], record, (int64_t)A->tStart - S);
+        TmAddShare(A, record, TmWrapSub(A->tEnd, A->tStart));
+        TmAddShare(&buckets[i - 2], record, TmWrapSub(A->tStart, S));
     }
     return 0;
 }
 
-// Seconds from start to now, at least 1.
+// Seconds from start to now, at least 1. The difference of two times is a
+// time itself, so a span of more than 68 years wraps.
 static int64_t TmElapsed(int32_t now, int32_t start)
 {
-    return now > start ? (int64_t)now - start : 1;
+    return now > start ? TmWrapSub(now, start) : 1;
 }
 
 // The start P of the monthly period before the one that began at L. It comes
@@ -144,8 +139,8 @@ static int32_t TmPrevPeriodStart(int32_t L, uint32_t resetDay)
 {
     uint32_t r = resetDay == 0 ? 1 : resetDay;
     struct tm at = TmLocal(L);
-    int64_t probe = (int64_t)L - (r <= 14 ? TM_PROBE_EARLY_RESET : TM_PROBE_LATE_RESET);
-    struct tm fields = TmLocal((int32_t)probe);
+    int32_t probe = TmWrapSub(L, r <= 14 ? TM_PROBE_EARLY_RESET : TM_PROBE_LATE_RESET);
+    struct tm fields = TmLocal(probe);
     fields.tm_mday = (int)TmResetDayOfMonth((uint32_t)fields.tm_year + 1900, (uint32_t)fields.tm_mon, r);
     fields.tm_hour = at.tm_hour;
     fields.tm_min = at.tm_min;
@@ -190,24 +185,24 @@ static void TmCollectLastMonth(TmPeriodFigures *last, int32_t P, int32_t L)
         if (e.tStart >= P && e.tEnd <= L) {
             last->upload += e.tx;
             last->download += e.rx;
-            last->conntime = TmAddTime(last->conntime, e.tUsed);
+            last->conntime = TmWrapAdd(last->conntime, e.tUsed);
             continue;
         }
-        int64_t len = (int64_t)e.tEnd - e.tStart;
-        int64_t part;
+        int32_t len = TmWrapSub(e.tEnd, e.tStart);
+        int32_t part;
         if (e.tStart < P && e.tEnd > L)
-            part = (int64_t)L - P;
+            part = TmWrapSub(L, P);
         else if (e.tStart < P)
-            part = (int64_t)e.tEnd - P;
+            part = TmWrapSub(e.tEnd, P);
         else
-            part = (int64_t)L - e.tStart;
+            part = TmWrapSub(L, e.tStart);
         last->upload = TmShareU64(last->upload, e.tx, part, len);
         last->download = TmShareU64(last->download, e.rx, part, len);
         last->conntime = TmShareI32(last->conntime, e.tUsed, part, len);
     }
     last->upload += ed.lastMonthTailTx;
     last->download += ed.lastMonthTailRx;
-    last->conntime = TmAddTime(last->conntime, ed.lastMonthTailTime);
+    last->conntime = TmWrapAdd(last->conntime, ed.lastMonthTailTime);
 }
 
 static void TmCollectLimit(TmStatistic *out)
@@ -270,16 +265,16 @@ int TmCollectStatistic(TmStatistic *out)
     out->thismonth.elapsed = TmElapsed(now, L);  // a manual reset does not move it
     out->lastmonth.elapsed = TmElapsed(L, P);
 
-    out->today.conntime = TmAddTime(ed.todayTime, ed.otherTime);
+    out->today.conntime = TmWrapAdd(ed.todayTime, ed.otherTime);
     out->today.upload = ed.todayTx + ed.otherTx;
     out->today.download = ed.todayRx + ed.otherRx + ed.roundOffRx;
     out->yesterday.conntime = ed.yesterdayTime;
     out->yesterday.upload = ed.yesterdayTx;
     out->yesterday.download = ed.yesterdayRx;
-    out->thisweek.conntime = TmAddTime(ed.weekTime, ed.otherTime);
+    out->thisweek.conntime = TmWrapAdd(ed.weekTime, ed.otherTime);
     out->thisweek.upload = ed.weekTx + ed.otherTx;
     out->thisweek.download = ed.weekRx + ed.otherRx + ed.roundOffRx;
-    out->thismonth.conntime = TmAddTime(ed.monthlyTime, ed.otherTime);
+    out->thismonth.conntime = TmWrapAdd(ed.monthlyTime, ed.otherTime);
     out->thismonth.upload = ed.monthlyTx + ed.otherTx;
     out->thismonth.download = ed.monthlyRx + ed.otherRx + ed.roundOffRx;
 
@@ -294,7 +289,7 @@ int TmCollectStatistic(TmStatistic *out)
             }
         }
         if (ed.link != 0 && ed.lastTime < now) {
-            for (TmPeriodFigures *p : running) p->conntime = TmAddTime(p->conntime, (int64_t)now - ed.lastTime);
+            for (TmPeriodFigures *p : running) p->conntime = TmWrapAdd(p->conntime, TmWrapSub(now, ed.lastTime));
         }
     }
 

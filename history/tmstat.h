@@ -34,11 +34,11 @@ struct TmStatistic {
 };
 
 // acc + c * part / len, every step in binary32, cut toward zero to u64 (0 below, UINT64_MAX above the range).
-uint64_t TmShareU64(uint64_t acc, uint64_t c, int64_t part, int64_t len);
+uint64_t TmShareU64(uint64_t acc, uint64_t c, int32_t part, int32_t len);
 // acc + c * part / len, every step in binary32, cut toward zero to i32 (saturated at INT32_MIN/INT32_MAX).
-int32_t TmShareI32(int32_t acc, int32_t c, int64_t part, int64_t len);
+int32_t TmShareI32(int32_t acc, int32_t c, int32_t part, int32_t len);
 // Adds to bucket the share of record's tx, rx and tUsed for part of its tEnd - tStart seconds.
-void TmAddShare(TmRecord *bucket, const TmRecord *record, int64_t part);
+void TmAddShare(TmRecord *bucket, const TmRecord *record, int32_t part);
 // Spreads record over count (>= 2; fewer change nothing) gapless ascending buckets: 0 taken or empty, 1 after, -1 before.
 int TmApportionRecord(TmRecord *buckets, uint32_t count, const TmRecord *record);
 // Fills the caller-zeroed out with the figures of now; 1, or 0 (nothing done) for a null out.

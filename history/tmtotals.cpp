@@ -3,17 +3,18 @@
 #include "core/tmcore.h"
 #include "history/tmcalendar.h"
 #include "history/tmstat.h"
+#include "history/tmwrap.h"
 
 void TmAddWhole(const TmTotals &t, const TmRecord &r)
 {
     *t.tx += r.tx;
     *t.rx += r.rx;
-    *t.time += r.tUsed;
+    *t.time = TmWrapAdd(*t.time, r.tUsed);
 }
 
-void TmAddPart(const TmTotals &t, const TmRecord &r, int64_t part)
+void TmAddPart(const TmTotals &t, const TmRecord &r, int32_t part)
 {
-    int64_t len = (int64_t)r.tEnd - r.tStart;
+    int32_t len = TmWrapSub(r.tEnd, r.tStart);
     *t.tx = TmShareU64(*t.tx, r.tx, part, len);
     *t.rx = TmShareU64(*t.rx, r.rx, part, len);
     *t.time = TmShareI32(*t.time, r.tUsed, part, len);
@@ -26,7 +27,7 @@ void TmAddFrom(const TmTotals &t, const TmRecord &r, int32_t from)
 {
     if (r.tStart >= from) TmAddWhole(t, r);
     else if (from >= r.tEnd) return;
-    else if (tmCore.exportData.manualResetTime == 0) TmAddPart(t, r, (int64_t)r.tEnd - from);
+    else if (tmCore.exportData.manualResetTime == 0) TmAddPart(t, r, TmWrapSub(r.tEnd, from));
 }
 
 void TmAddBetween(const TmTotals &t, const TmRecord &r, int32_t from, int32_t to)
@@ -37,9 +38,9 @@ void TmAddBetween(const TmTotals &t, const TmRecord &r, int32_t from, int32_t to
         return;
     }
     if (tmCore.exportData.manualResetTime != 0) return;
-    int64_t start = r.tStart < from ? from : r.tStart;
-    int64_t end = r.tEnd > to ? to : r.tEnd;
-    TmAddPart(t, r, end - start);
+    int32_t start = r.tStart < from ? from : r.tStart;
+    int32_t end = r.tEnd > to ? to : r.tEnd;
+    TmAddPart(t, r, TmWrapSub(end, start));
 }
 
 TmPeriodBounds TmPeriodBoundsAt(int32_t now)

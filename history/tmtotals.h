@@ -17,7 +17,7 @@ struct TmTotals {
 // Adds the whole record, in exact integers.
 void TmAddWhole(const TmTotals &t, const TmRecord &r);
 // Adds the share of part seconds of the record, in single precision.
-void TmAddPart(const TmTotals &t, const TmRecord &r, int64_t part);
+void TmAddPart(const TmTotals &t, const TmRecord &r, int32_t part);
 // The lower-bound rule: whole from the bound on, the share across it (none while a manual reset is in force).
 void TmAddFrom(const TmTotals &t, const TmRecord &r, int32_t from);
 // The yesterday rule: the record's time between from and to, likewise.

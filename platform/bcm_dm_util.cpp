@@ -10,6 +10,7 @@
 
 #include "core/tmtrace.h"
 #include "history/tmstat.h"
+#include "history/tmwrap.h"
 #include "platform/cms/cms.h"
 #include "platform/tmtext.h"
 #include "platform/tmnum.h"
@@ -292,7 +293,7 @@ static int32_t TmShownStart(const TmStatistic &s)
 static uint64_t TmPeriodDays(const TmStatistic &s)
 {
     if (s.next_data_time == 0) return 0;
-    int32_t span = s.next_data_time - s.start_data_time;
+    int32_t span = TmWrapSub(s.next_data_time, s.start_data_time);
     return (uint64_t)(int64_t)(span / 86400 + (span % 86400 >= 79200 ? 1 : 0));
 }
 
@@ -325,7 +326,7 @@ static void TmPrintStatistic(const TmStatistic &s)
     printf("current_data_time %lu %s", (unsigned long)(uint32_t)s.current_data_time,
            TmTextAsctime(text, s.current_data_time));
     printf("volume_left %s\n", TmTextRemainder(text, s.volume_left, s.timeLimit));
-    printf("passedDay %llu\n", (unsigned long long)(uint32_t)((s.current_data_time - s.start_data_time) / 86400));
+    printf("passedDay %llu\n", (unsigned long long)(uint32_t)(TmWrapSub(s.current_data_time, s.start_data_time) / 86400));
     printf("periodDay %llu\n", (unsigned long long)TmPeriodDays(s));
     printf("dataUsed %llu\n", (unsigned long long)s.dataUsed);
     printf("dataLimited %llu\n", (unsigned long long)s.dataLimited);
@@ -361,7 +362,7 @@ int bcm_dm_WriteStatistic(void)
     TmReplaceField(&o->current_data_time, TmTextAsctime(text, s.current_data_time));
     TmReplaceField(&o->volume_left, TmTextRemainder(text, s.volume_left, s.timeLimit));
     // Whole days since the period's start; a manual reset does not move it.
-    snprintf(text, sizeof text, "%lu", (unsigned long)(uint32_t)((s.current_data_time - s.start_data_time) / 86400));
+    snprintf(text, sizeof text, "%lu", (unsigned long)(uint32_t)(TmWrapSub(s.current_data_time, s.start_data_time) / 86400));
     TmReplaceField(&o->passedDay, text);
     snprintf(text, sizeof text, "%llu", (unsigned long long)TmPeriodDays(s));
     TmReplaceField(&o->periodDay, text);
