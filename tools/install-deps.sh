@@ -5,7 +5,8 @@ set -euo pipefail
 pkgs=(build-essential cmake ninja-build pkg-config
       libgtest-dev libgmock-dev googletest libbenchmark-dev zlib1g-dev
       bubblewrap faketime libfaketime util-linux procps mawk tzdata
-      qemu-user g++-arm-linux-gnueabihf libc6-dev-armhf-cross)
+      qemu-user g++-arm-linux-gnueabihf libc6-dev-armhf-cross
+      clang libclang-rt-14-dev llvm)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

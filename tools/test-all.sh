@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a Debian 12 machine (as root), builds kvard and runs the whole suite
 # three times: on the host, under AddressSanitizer and UndefinedBehaviorSanitizer,
-# and cross-built for 32-bit ARM under qemu-user (unit tests).
+# and cross-built for 32-bit ARM under qemu-user (unit tests); then the fuzz
+# targets (clang) for a bounded time, two at a time.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 out=${KVARD_BUILD_DIR:-$top/build}
@@ -13,10 +14,11 @@ tier() {  # name, cmake options...
   echo "=== $name"
   cmake -S "$top" -B "$out/$name" -G Ninja "$@" >/dev/null
   cmake --build "$out/$name" -j"$jobs"
-  (cd "$out/$name" && ctest --output-on-failure -j"$jobs" --timeout 600)
+  (cd "$out/$name" && ctest --output-on-failure -j"${ctest_jobs:-$jobs}" --timeout 600)
 }
 
 tier host
 tier sanitize -DKVARD_SANITIZE=ON
 tier armhf -DCMAKE_TOOLCHAIN_FILE="$top/cmake/armhf-linux-gnueabihf.cmake" -DKVARD_UNIT_ONLY=ON
+ctest_jobs=2 tier fuzz -DKVARD_FUZZ=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 echo "all tiers passed"

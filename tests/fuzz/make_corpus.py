@@ -15,8 +15,8 @@ def save(target, name, data):
 
 
 # datagram: opcodes; the code index of opcode 1 counts in the target's table
-CODE = {'config': 1, 'link': 2, 'time': 3, 'reset': 4, 'stat': 5, 'wake': 6, 'dump': 7, 'lists': 8,
-        'minflash': 9, 'hdayflash': 10, 'rawflash': 11, 'debug': 12}
+CODE = {'config': 1, 'link': 2, 'time': 3, 'reset': 4, 'stat': 5, 'wake': 6, 'dump': 7, 'debug': 8,
+        'lists': 240, 'minflash': 241, 'hdayflash': 242, 'rawflash': 243}
 METER = ['traffic_on', 'volcontrl', 'contrl_type', 'volume_monthly_limit', 'round_up_volume', 'timecontrl',
          'conntime_monthly_limit', 'day', 'hour', 'min', 'ampm_sel', 'counter', 'mark', 'led_on', 'block_on']
 
@@ -77,13 +77,13 @@ def minutes(first_page, count, start_offset):  # relative records of one minute 
 
 HDAY0 = 2304  # the half-day ring's first page with 64 pages per block
 save('rebuild', 'empty', rebuild(2, START, (1, 0, 0), (0, 0), 0, []))
-save('rebuild', 'history', rebuild(2, START, (1, 0, 0), (0, 0), 0x47, minutes(0, 30, -1800) + [
+save('rebuild', 'history', rebuild(2, START, (1, 0, 0), (0, 0), 0x07, minutes(0, 30, -1800) + [
     (HDAY0 + i, 4, -43200 * (i + 2), -43200 * (i + 1), 10**9, 10**10, 43200, 0) for i in range(20)]))
 save('rebuild', 'wrapped_ring', rebuild(2, START, (31, 23, 59), (3, -3600), 0x3B,
      minutes(2300, 4, -3600) + minutes(0, 64, -3300) + [(64, 2, 0, 60, 1, 1, 0, 0), (65, 3, 0, 60, 1, 1, 0, 0)]))
 save('rebuild', 'manual_reset', rebuild(0, START, (15, 12, 30), (3, -120), 0xB2, minutes(100, 50, -7200) +
      [(HDAY0 + 5, 4, -86400, -43200, 5, 5, 5, 7)], bad=1 << 37))
-save('rebuild', 'small_blocks', rebuild(5, 0x7FFFF000, (29, 0, 0), (1, 0x7FFFFFFF), 0xF3,
+save('rebuild', 'small_blocks', rebuild(5, 0x7FFFF000, (29, 0, 0), (1, 0x7FFFFFFF), 0xB3,
      minutes(700, 40, -2400) + [(2200, 4, -43200, 0, 2**64 - 1, 2**64 - 1, -1, 0)], zone=2))
 
 # netdev: odd first byte builds a table from numbers; even takes the rest as the file
