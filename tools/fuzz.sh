@@ -18,7 +18,8 @@ fi
 declare -A goal=([netdev]=5000000 [store]=1000000 [datagram]=200000 [rebuild]=200000)
 bin=$out/tests/fuzz
 long() {  # target
-  local t=$1 corpus=$out/corpus/$t log=$out/fuzz-$t.log scratch
+  local t=$1
+  local corpus=$out/corpus/$t log=$out/fuzz-$t.log scratch
   mkdir -p "$corpus" "$bin/artifacts"
   cp -n "$top/tests/fuzz/corpus/$t"/* "$corpus/"
   local regressions=("$top/tests/fuzz/regressions/$t"/*)

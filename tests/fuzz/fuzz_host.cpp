@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/tmcore.h"
 #include "platform/cms/cms_fields.h"
 
 namespace {
@@ -127,9 +128,9 @@ void FuzzHostStart(const char *argv0)
     atexit(RemoveScratch);
     setenv("KVARD_MDM_DIR", FuzzPath("mdm").c_str(), 1);
     setenv("KVARD_MDM_LOCK_MAX_MS", "100", 1);
-    cmsLog_initWithName(8802, "kvard");
+    cmsLog_initWithName(TM_ENTITY_ID, "kvard");
     int32_t shm = 0;
-    if (cmsMdm_initWithAcc(8802, 0, nullptr, &shm) != CMSRET_SUCCESS) abort();
+    if (cmsMdm_initWithAcc(TM_ENTITY_ID, 0, nullptr, &shm) != CMSRET_SUCCESS) abort();
     FuzzWriteFile("WanPorts", "eth0\n", 5);
     FuzzHostReset();
 }
