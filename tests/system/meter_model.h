@@ -7,6 +7,8 @@
 #include <array>
 #include <cinttypes>
 #include <map>
+#include <set>
+#include <vector>
 
 #include "tests/system/meter_util.h"
 
@@ -74,6 +76,7 @@ struct Model {
     std::array<Sums, 4> sums;
     Sums last;  // the counters and the time of the last accounting
     int32_t L = 0, R = 0, nextMin = 0;
+    std::vector<int32_t> order;  // half-day starts in the half-day ring's page order, when it has wrapped
 
     void Start(int32_t t, uint64_t tx, uint64_t rx)
     {
@@ -126,8 +129,12 @@ struct Model {
         auto take = [&](int32_t a, int32_t e, const Sums &v) {
             for (int g = 0; g < 4; g++) Take(s[g], v, a, e, from[g], g == kYesterday ? d : INT32_MAX);
         };
-        for (auto it = halves.begin(); it != halves.end() && it->first < running; ++it)
-            if (HalfEnd(it->first) > L) take(it->first, HalfEnd(it->first), it->second);
+        std::vector<int32_t> starts = order;  // a share rounds the total it is added to: the order counts
+        if (starts.empty())
+            for (const auto &[h, v] : halves) starts.push_back(h);
+        std::set<int32_t> taken;
+        for (int32_t h : starts)
+            if (h < running && HalfEnd(h) > L && halves.count(h) && taken.insert(h).second) take(h, HalfEnd(h), halves.at(h));
         for (auto it = booked.lower_bound(running); it != booked.end(); ++it)
             if (it->first + 60 > L) take(it->first, it->first + 60, it->second);
         return s;
