@@ -12,6 +12,7 @@
 #include <ctime>
 
 #include "core/tmcore.h"
+#include "history/tmflash.h"
 #include "platform/cms/cms_fields.h"
 
 namespace {
@@ -212,4 +213,11 @@ void FuzzSetZone(uint32_t choice)
 {
     setenv("TZ", kZones[choice % (sizeof kZones / sizeof kZones[0])], 1);
     tzset();
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***argv)
+{
+    FuzzHostStart((*argv)[0]);
+    TmCrcInit();
+    return 0;
 }

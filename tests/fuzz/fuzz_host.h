@@ -12,8 +12,9 @@
 
 #include "platform/cms/cms.h"
 
-// Once, from LLVMFuzzerInitialize: scratch directory, store, zone, and argv[0],
-// whose commands (libFuzzer's own -merge and -fork runs) still reach the shell.
+// Once, from LLVMFuzzerInitialize, which is defined with it for every target:
+// scratch directory, store, zone, the CRC table, and argv[0], whose commands
+// (libFuzzer's own -merge and -fork runs) still reach the shell.
 void FuzzHostStart(const char *argv0);
 // Back to a fresh router: the seeded store, no side files, default clock, uptime and counters, zone.
 void FuzzHostReset(void);

@@ -56,12 +56,6 @@ void RoundTrip(FuzzReader &in)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***argv)
-{
-    FuzzHostStart((*argv)[0]);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzReader in{data, size};

@@ -59,13 +59,6 @@ void Wakes(int count, int32_t step, int32_t *clock, uint64_t *counter)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***argv)
-{
-    FuzzHostStart((*argv)[0]);
-    TmCrcInit();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzReader in{data, size};

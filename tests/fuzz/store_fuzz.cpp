@@ -47,12 +47,6 @@ void *ReadAndWrite(MdmObjectId oid, const InstanceIdStack &stack)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***argv)
-{
-    FuzzHostStart((*argv)[0]);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzReader in{data, size};
