@@ -9,6 +9,7 @@
 #include "core/tmhandlers.h"
 #include "history/tmcalendar.h"
 #include "history/tmmtd.h"
+#include "history/tmrings.h"
 #include "history/tmsidefile.h"
 #include "history/tmtotals.h"
 #include "history/tmwrap.h"
@@ -55,11 +56,12 @@ int TmInit(const char *path)
     }
     if (debugFlag) TmFlashPrintGeometry();
     tmCore.mtdInit = 1;
-    // Room for three minute lists and two half-day lists, each in whole blocks.
-    tmCore.minFlashSize = 3 * TmFlashAlignToBlock(TM_MIN_LIST_SIZE);
-    tmCore.hDayFlashSize = 2 * TmFlashAlignToBlock(TM_HDAY_LIST_SIZE);
-    tmCore.minFlashStart = 0;
-    tmCore.hDayFlashStart = tmCore.minFlashSize;
+    TmRings rings;
+    TmRingLayout(TmFlashPagesPerBlock(), &rings);
+    tmCore.minFlashSize = rings.minSize;
+    tmCore.hDayFlashSize = rings.hDaySize;
+    tmCore.minFlashStart = rings.minStart;
+    tmCore.hDayFlashStart = rings.hDayStart;
 
     ed.link = TM_LINK_NONE;
     tmCore.initLinkUpRx = 0;

@@ -6,19 +6,8 @@
 
 #include <cstdint>
 
+#include "history/tmpage.h"
 #include "history/tmrecord.h"
-
-#define TM_FLASH_RECORD_LEN 32
-#define TM_FLASH_DATA_SIZE 40   // length, filler, CRC and the record
-
-// Fills the CRC table; done once by TmFlashInit.
-void TmCrcInit(void);
-// CRC-32 (IEEE 802.3, reflected, check value 0xCBF43926).
-uint32_t TmCrc32(const uint8_t *data, uint32_t length);
-
-// The record's 32 bytes as stored, little-endian, and back.
-void TmRecordEncode(const TmRecord *record, uint8_t *out);
-void TmRecordDecode(const uint8_t *in, TmRecord *record);
 
 // 0 and the record when the page holds a valid one; -1 for anything else.
 int32_t TmReadFlash(uint32_t index, TmRecord *record);

@@ -7,6 +7,7 @@
 
 #include "history/tmflash.h"
 #include "history/tmmtd.h"
+#include "history/tmrings.h"
 
 struct mtd_info_user mtdGeometry;
 uint8_t *pageBuffer;
@@ -20,8 +21,7 @@ int32_t TmFlashInit(void)
     // daemon never runs on with it: no page or block size (the device did not
     // answer), a block that is not a whole number of pages, or pages too small
     // for one record with its header.
-    if (mtdGeometry.writesize < TM_FLASH_DATA_SIZE || mtdGeometry.erasesize < mtdGeometry.writesize ||
-        mtdGeometry.erasesize % mtdGeometry.writesize != 0) {
+    if (!TmGeometryUsable(mtdGeometry.writesize, mtdGeometry.erasesize)) {
         memset(&mtdGeometry, 0, sizeof mtdGeometry);
         return -1;
     }
@@ -46,10 +46,7 @@ uint32_t TmFlashPagesPerBlock(void)
 
 uint32_t TmFlashAlignToBlock(uint32_t pages)
 {
-    uint32_t perBlock = TmFlashPagesPerBlock();
-    uint32_t aligned = perBlock * (pages / perBlock);
-    if (pages % perBlock != 0) aligned += perBlock;
-    return aligned;
+    return TmAlignPages(pages, TmFlashPagesPerBlock());
 }
 
 void TmFlashPrintGeometry(void)

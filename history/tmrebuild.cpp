@@ -9,6 +9,7 @@
 #include "core/tmhandlers.h"
 #include "history/tmcalendar.h"
 #include "history/tmflash.h"
+#include "history/tmrings.h"
 #include "history/tmsidefile.h"
 #include "history/tmstat.h"
 #include "history/tmtotals.h"
@@ -16,35 +17,19 @@
 #include "platform/bcm_dm_util.h"
 #include "platform/tmtext.h"
 
-// Page after the noted one in its ring, or the ring's start when none was noted.
-static uint32_t TmPageAfter(uint32_t start, uint32_t size, int64_t noted)
-{
-    if (noted < 0) return start;
-    return start + (uint32_t)(noted - start + 1) % size;
-}
-
 static void TmFindCursors(void)
 {
     TmRecord r;
-    int64_t noted = -1;
-    tmCore.latestHDayFlashTime = 0;
-    for (uint32_t p = tmCore.hDayFlashStart; p < tmCore.hDayFlashStart + tmCore.hDayFlashSize; p++) {
-        if (TmReadFlash(p, &r) == 0 && r.tEnd > tmCore.latestHDayFlashTime) {
-            tmCore.latestHDayFlashTime = r.tEnd;
-            noted = p;
-        }
-    }
-    tmCore.nextHDayFlashIndex = TmPageAfter(tmCore.hDayFlashStart, tmCore.hDayFlashSize, noted);
-    // Minutes: among equal times the highest page, and a time of 0 counts.
-    int32_t best = 0;
-    noted = -1;
-    for (uint32_t p = tmCore.minFlashStart; p < tmCore.minFlashStart + tmCore.minFlashSize; p++) {
-        if (TmReadFlash(p, &r) == 0 && r.tEnd >= best) {
-            best = r.tEnd;
-            noted = p;
-        }
-    }
-    tmCore.nextMinFlashIndex = TmPageAfter(tmCore.minFlashStart, tmCore.minFlashSize, noted);
+    TmCursorSearch search;
+    TmCursorBegin(&search, tmCore.hDayFlashStart, tmCore.hDayFlashSize, 0);
+    for (uint32_t p = tmCore.hDayFlashStart; p < tmCore.hDayFlashStart + tmCore.hDayFlashSize; p++)
+        if (TmReadFlash(p, &r) == 0) TmCursorOffer(&search, p, r.tEnd);
+    tmCore.latestHDayFlashTime = search.best;
+    tmCore.nextHDayFlashIndex = TmCursorNext(&search);
+    TmCursorBegin(&search, tmCore.minFlashStart, tmCore.minFlashSize, 1);
+    for (uint32_t p = tmCore.minFlashStart; p < tmCore.minFlashStart + tmCore.minFlashSize; p++)
+        if (TmReadFlash(p, &r) == 0) TmCursorOffer(&search, p, r.tEnd);
+    tmCore.nextMinFlashIndex = TmCursorNext(&search);
 }
 
 static void TmPrintTime(const char *format, int32_t value)
