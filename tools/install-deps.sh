@@ -3,7 +3,7 @@
 # Asks apt only when something is missing, so a second run costs nothing.
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build pkg-config
-      libgtest-dev libgmock-dev googletest libbenchmark-dev zlib1g-dev
+      libgtest-dev libgmock-dev googletest libbenchmark-dev zlib1g-dev nlohmann-json3-dev
       bubblewrap faketime libfaketime util-linux procps mawk tzdata
       qemu-user g++-arm-linux-gnueabihf libc6-dev-armhf-cross
       clang libclang-rt-14-dev llvm)

@@ -1,5 +1,6 @@
-// tmctl: the control client of kvard. Sends control datagrams to the daemon
-// and reads and writes objects of the data-model store (docs/tmctl.md).
+// tmctl: the control client of kvard. Sends control datagrams to the daemon,
+// reads and writes objects of the data-model store and decodes the traffic
+// history on flash (docs/tmctl.md).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include "platform/cms/cms.h"
 #include "platform/cms/cms_fields.h"
 #include "tools/tmctl/exchange.h"
+#include "tools/tmctl/flash.h"
 #include "tools/tmctl/mdm.h"
 #include "tools/tmctl/wire.h"
 
@@ -26,6 +28,7 @@ const char kTopHelp[] =
     "  raw HEX [--timeout MS] [--no-reply]             send HEX as the whole datagram\n"
     "  mdm get OID[.N]                                 print an object's fields as name=value lines\n"
     "  mdm set OID[.N] name=value|name ...             change fields (bare name: null)\n"
+    "  flash decode (IMAGE | DEVICE) [--json | --csv]   list the traffic history on a \"tm\" partition\n"
     "\n"
     "'tmctl COMMAND --help' tells more. Exit status: 0 done, 1 failed, 2 bad arguments.\n";
 
@@ -230,5 +233,6 @@ int main(int argc, char **argv)
     if (cmd == "send") return cmdSend(args);
     if (cmd == "raw") return cmdRaw(args);
     if (cmd == "mdm") return cmdMdm(args);
+    if (cmd == "flash") return flashCommand(args);
     return usage("unknown command '" + cmd + "'");
 }
