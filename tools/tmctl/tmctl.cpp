@@ -11,6 +11,7 @@
 #include "platform/cms/cms_fields.h"
 #include "tools/tmctl/exchange.h"
 #include "tools/tmctl/flash.h"
+#include "tools/tmctl/history.h"
 #include "tools/tmctl/mdm.h"
 #include "tools/tmctl/wire.h"
 
@@ -29,6 +30,7 @@ const char kTopHelp[] =
     "  mdm get OID[.N]                                 print an object's fields as name=value lines\n"
     "  mdm set OID[.N] name=value|name ...             change fields (bare name: null)\n"
     "  flash decode (IMAGE | DEVICE) [--json | --csv]   list the traffic history on a \"tm\" partition\n"
+    "  history (IMAGE | DEVICE) [--days ...] [--json | --csv]   traffic per period, as kvard rebuilds it\n"
     "\n"
     "'tmctl COMMAND --help' tells more. Exit status: 0 done, 1 failed, 2 bad arguments.\n";
 
@@ -234,5 +236,6 @@ int main(int argc, char **argv)
     if (cmd == "raw") return cmdRaw(args);
     if (cmd == "mdm") return cmdMdm(args);
     if (cmd == "flash") return flashCommand(args);
+    if (cmd == "history") return historyCommand(args);
     return usage("unknown command '" + cmd + "'");
 }
