@@ -22,11 +22,11 @@ struct Outcome {
     std::string out, err;
 };
 
-// `tmctl history ARGS` in the box's zone, with the box's store.
-Outcome History(const Sandbox &box, const std::string &args)
+// `tmctl history ARGS` in the box's zone, with the box's store and ENV assignments in front.
+Outcome History(const Sandbox &box, const std::string &args, const std::string &env = "")
 {
     std::string out = box.Path("history.out"), err = box.Path("history.err");
-    std::string cmd = "env TZ=" + std::string(kZone) + " KVARD_MDM_DIR='" + box.Path("var/lib/kvard/mdm") + "' '" +
+    std::string cmd = "env " + env + " TZ=" + std::string(kZone) + " KVARD_MDM_DIR='" + box.Path("var/lib/kvard/mdm") + "' '" +
                       InstalledPrefix() + "/bin/tmctl' history " + args + " >'" + out + "' 2>'" + err + "'";
     int raw = std::system(cmd.c_str());
     auto slurp = [](const std::string &path) {
@@ -36,9 +36,9 @@ Outcome History(const Sandbox &box, const std::string &args)
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
 }
 
-json HistoryJson(const Sandbox &box, const std::string &args)
+json HistoryJson(const Sandbox &box, const std::string &args, const std::string &env = "")
 {
-    Outcome r = History(box, args + " --json");
+    Outcome r = History(box, args + " --json", env);
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
     return r.status == 0 ? json::parse(r.out) : json::object();
@@ -147,6 +147,7 @@ TEST(History, the_five_periods_are_the_daemons_to_the_digit)
             EXPECT_EQ(Mb(uint64_t(p["upload"]) + uint64_t(p["download"])), Stat(box, name + "_total"));
             EXPECT_EQ(Hm(p["conntime"]), Stat(box, name + "_conntime"));
         }
+        EXPECT_TRUE(box.ReadFile("before.img") == image.bytes) << "the tool wrote the image";
         EXPECT_EQ(Asc(j["manual_reset"] != 0 ? int32_t(j["manual_reset"]) : int32_t(j["period_start"])),
                   Stat(box, "start_data_time"));
     }
@@ -201,6 +202,29 @@ TEST(History, per_half_day_day_week_and_month_tables_add_up_by_hand)
     std::getline(lines, line);
     EXPECT_EQ(line, "today," + std::to_string(T("2026-03-10 00:00:00")) + "," + std::to_string(T("2026-03-10 10:00:00")) +
                         ",2026-03-10 00:00:00,16,500000,60");
+}
+
+TEST(History, a_device_is_read_only_and_gives_what_its_image_gives)
+{
+    // The morning's minutes are folded into a half-day record by the rebuild: in memory only.
+    Sandbox box(At("2026-03-10 12:04:30"));
+    Image image;
+    for (const Page &p : WrappedMinutes()) image.Put((p.halfDay ? kHDayStart : 0) + p.index, p.r);
+    box.WriteFile("nand.img", image.bytes);
+    box.WriteFile("copy.img", image.bytes);
+    const char *asan = getenv("KVARD_ASAN_RUNTIME");
+    std::string env = "LD_PRELOAD=" + std::string(asan ? std::string(asan) + ":" : "") + InstalledPrefix() +
+                      "/lib/kvard/libmtdsim.so MTDSIM_IMAGE='" + box.Path("nand.img") + "' MTDSIM_LOG='" +
+                      box.Path("nand.log") + "' MTDSIM_WRITESIZE=2048 MTDSIM_ERASESIZE=131072 MTDSIM_DEVICE=/dev/mtd3";
+    const std::string common = " --at '2026-03-10 12:04:30' --manual-reset /dev/null --half-days";
+    json device = HistoryJson(box, "/dev/mtd3" + common, env);
+    json file = HistoryJson(box, "'" + box.Path("copy.img") + "'" + common);
+    ASSERT_TRUE(device.contains("periods"));
+    EXPECT_NE(device["periods"]["today"]["download"], 0);
+    EXPECT_EQ(device["periods"], file["periods"]);
+    EXPECT_EQ(device["rows"], file["rows"]);
+    EXPECT_EQ(box.ReadFile("nand.log").value_or(""), "") << "an erase or a program reached the device";
+    EXPECT_TRUE(box.ReadFile("nand.img") == image.bytes);
 }
 
 TEST(History, exit_status_and_one_error_line)
