@@ -1,0 +1,19 @@
+// "tmctl stats": the figures kvard publishes, the settings they are measured
+// against and the limit state, for people (a table, one line) and scripts (JSON, exit status).
+#ifndef KVARD_TMCTL_STATS_H
+#define KVARD_TMCTL_STATS_H
+
+#include <string>
+#include <vector>
+
+namespace tmctl {
+
+// Exit status of --alert, after the limit state; 1 and 2 keep their meaning.
+enum { kAlertWarning = 10, kAlertLimit = 11, kAlertWanDown = 12 };
+
+// "tmctl stats ARGS..."; returns the exit status.
+int statsCommand(const std::vector<std::string> &args);
+
+}  // namespace tmctl
+
+#endif
