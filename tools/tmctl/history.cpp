@@ -29,6 +29,7 @@
 #include "platform/cms/cms.h"
 #include "platform/cms/cms_store.h"
 #include "platform/tmtext.h"
+#include "tools/tmctl/chart.h"
 #include "tools/tmctl/flashscan.h"
 #include "tools/tmctl/historyhost.h"
 #include "tools/tmctl/mdm.h"
@@ -61,6 +62,21 @@ const char kHistoryHelp[] =
     "Nothing is written: not the partition, not the store, not the reset file.\n"
     "Exit status: 0 done, 1 failed, 2 bad arguments.\n";
 
+const char kChartHelp[] =
+    "usage: tmctl chart (IMAGE | DEVICE) -o FILE.png | FILE.svg [--days N]\n"
+    "                   [--at \"YYYY-MM-DD hh:mm:ss\"] [--manual-reset FILE]\n"
+    "                   [--page-size N --block-size N]\n"
+    "\n"
+    "Draws the daily download and upload of the last N days (default 31, at most\n"
+    "62) from a \"tm\" partition, rebuilt as tmctl history rebuilds it, as stacked\n"
+    "bars in MB (1,000,000 bytes). With a volume limit in the settings (object 2888\n"
+    "of the store, KVARD_MDM_DIR) the period's running total is drawn against it on\n"
+    "a second axis; the start of the monthly period is marked.\n"
+    "  -o, --output FILE  the picture: PNG or SVG, by the name's ending\n"
+    "  --days N           how many days, ending with today (1 to 62)\n"
+    "  --at, --manual-reset, --page-size, --block-size: as for tmctl history\n"
+    "Exit status: 0 done, 1 failed, 2 bad arguments.\n";
+
 enum class Unit { HalfDays, Days, Weeks, Months };
 enum class Format { Text, Json, Csv };
 
@@ -83,9 +99,9 @@ struct Row {
     int32_t conntime;
 };
 
-int usage(const std::string &message)
+int usage(const std::string &message, const char *command = "history")
 {
-    fprintf(stderr, "tmctl: %s (try 'tmctl history --help')\n", message.c_str());
+    fprintf(stderr, "tmctl: %s (try 'tmctl %s --help')\n", message.c_str(), command);
     return kExitUsage;
 }
 
@@ -386,6 +402,27 @@ void printText(const Options &o, const TmStatistic &s, const std::vector<Row> &f
     printf("\nMB = 1,000,000 bytes; connected h:mm\n");
 }
 
+// The partition read, the settings taken and kvard's start replayed at the
+// moment asked for; a failure is reported on stderr and its status returned.
+int rebuild(const Options &o, TmConfig *config, TmStatistic *s, int32_t *now)
+{
+    std::string error;
+    FlashScan scan;
+    int status = scanFlash(o.path, o.flash, &scan, &error);
+    if (status == kExitOk) status = loadPartition(scan, &error);
+    if (status == kExitOk) status = readSettings(o, config, &error);
+    if (status != kExitOk) {
+        fprintf(stderr, "tmctl: %s\n", error.c_str());
+        return status;
+    }
+    *now = o.haveAt ? o.at : (int32_t)time(nullptr);
+    setHistoryClock(*now);
+    setManualResetFile(o.haveManual ? o.manualFile : scan.geometry.device ? TM_RESTART_TIME_FILE : "");
+    status = replayStart(*config, s, &error);
+    if (status != kExitOk) fprintf(stderr, "tmctl: %s: %s\n", o.path.c_str(), error.c_str());
+    return status;
+}
+
 }  // namespace
 
 int historyCommand(const std::vector<std::string> &args)
@@ -394,25 +431,11 @@ int historyCommand(const std::vector<std::string> &args)
     int status = parseOptions(args, &o);
     if (status == -1) return kExitOk;
     if (status != kExitOk) return status;
-    std::string error;
-    FlashScan scan;
-    status = scanFlash(o.path, o.flash, &scan, &error);
-    if (status == kExitOk) status = loadPartition(scan, &error);
     TmConfig config;
-    if (status == kExitOk) status = readSettings(o, &config, &error);
-    if (status != kExitOk) {
-        fprintf(stderr, "tmctl: %s\n", error.c_str());
-        return status;
-    }
-    const int32_t now = o.haveAt ? o.at : (int32_t)time(nullptr);
-    setHistoryClock(now);
-    setManualResetFile(o.haveManual ? o.manualFile : scan.geometry.device ? TM_RESTART_TIME_FILE : "");
     TmStatistic s;
-    status = replayStart(config, &s, &error);
-    if (status != kExitOk) {
-        fprintf(stderr, "tmctl: %s: %s\n", o.path.c_str(), error.c_str());
-        return status;
-    }
+    int32_t now = 0;
+    status = rebuild(o, &config, &s, &now);
+    if (status != kExitOk) return status;
     const std::vector<Row> fixed = periods(s);
     const std::vector<Row> rows = table(o.unit, config, now);
 
@@ -438,6 +461,104 @@ int historyCommand(const std::vector<std::string> &args)
         printText(o, s, fixed, rows);
     }
     return fflush(stdout) == 0 ? kExitOk : kExitFailed;
+}
+
+namespace {
+
+int parseChartOptions(const std::vector<std::string> &args, Options *o, std::string *output, int *days)
+{
+    std::vector<std::string> words = args;
+    words.insert(words.begin(), "tmctl chart");
+    std::vector<char *> argv;
+    for (std::string &w : words) argv.push_back(w.data());
+    argv.push_back(nullptr);
+    enum { kAt = 256, kManual, kPage, kBlock, kDays, kHelp };
+    static const struct option longOptions[] = {
+        {"output", required_argument, nullptr, 'o'},      {"days", required_argument, nullptr, kDays},
+        {"at", required_argument, nullptr, kAt},          {"manual-reset", required_argument, nullptr, kManual},
+        {"page-size", required_argument, nullptr, kPage}, {"block-size", required_argument, nullptr, kBlock},
+        {"help", no_argument, nullptr, kHelp},            {nullptr, 0, nullptr, 0},
+    };
+    optind = 0;
+    opterr = 0;
+    for (;;) {
+        int c = getopt_long((int)words.size(), argv.data(), ":o:", longOptions, nullptr);
+        if (c == -1) break;
+        long long v = 0;
+        switch (c) {
+        case 'o': *output = optarg; break;
+        case kDays:
+            if (!parseNumber(optarg, 1, TM_HDAY_LIST_SIZE / 2, &v))
+                return usage("--days takes 1 to 62 (kvard keeps 62 days), not '" + std::string(optarg) + "'", "chart");
+            *days = (int)v;
+            break;
+        case kAt:
+            if (!parseAt(optarg, &o->at)) return usage("--at needs a local time \"YYYY-MM-DD hh:mm:ss\", not '" + std::string(optarg) + "'", "chart");
+            o->haveAt = true;
+            break;
+        case kManual:
+            o->haveManual = true;
+            o->manualFile = optarg;
+            break;
+        case kPage:
+        case kBlock:
+            if (!parseNumber(optarg, 1, UINT32_MAX, &v)) return usage(std::string(c == kPage ? "--page-size" : "--block-size") + " needs a byte count", "chart");
+            (c == kPage ? o->flash.pageSize : o->flash.blockSize) = (uint32_t)v;
+            break;
+        case kHelp: fputs(kChartHelp, stdout); return -1;
+        case ':': return usage(std::string(argv[optind - 1]) + " needs a value", "chart");
+        default: return usage("chart: unknown option " + std::string(argv[optind - 1]), "chart");
+        }
+    }
+    auto endsWith = [&](const char *suffix) {
+        size_t n = strlen(suffix);
+        return output->size() > n && output->compare(output->size() - n, n, suffix) == 0;
+    };
+    if (!endsWith(".png") && !endsWith(".svg"))
+        return usage("chart: where to? give -o FILE.png or -o FILE.svg, not '" + *output + "'", "chart");
+    if (optind >= (int)words.size()) return usage("chart: which IMAGE or DEVICE?", "chart");
+    if (optind + 1 < (int)words.size()) return usage("chart: unexpected argument '" + std::string(argv[optind + 1]) + "'", "chart");
+    o->path = argv[optind];
+    return kExitOk;
+}
+
+}  // namespace
+
+int chartCommand(const std::vector<std::string> &args)
+{
+    Options o;
+    std::string output;
+    int days = 31;
+    int status = parseChartOptions(args, &o, &output, &days);
+    if (status == -1) return kExitOk;
+    if (status != kExitOk) return status;
+    TmConfig config;
+    TmStatistic s;
+    int32_t now = 0;
+    status = rebuild(o, &config, &s, &now);
+    if (status != kExitOk) return status;
+    const std::vector<Row> rows = table(Unit::Days, config, now);
+    ChartInput in;
+    // The days up to and with today: the table reaches to the end of the running half-day.
+    size_t end = rows.size();
+    while (end > 0 && rows[end - 1].start > now) end--;
+    for (size_t i = end > (size_t)days ? end - (size_t)days : 0; i < end; i++)
+        in.days.push_back({rows[i].start, rows[i].download, rows[i].upload});
+    if (config.limitType == 1 || config.limitType == 2) {
+        in.limit = config.limitVol;
+        in.limitCountsUpload = config.limitType == 2;
+    }
+    in.periodStart = s.start_data_time;
+    if (!in.days.empty())
+        in.title = "Daily use in MB, " + localTime(in.days.front().start).substr(0, 10) + " to " +
+                   localTime(in.days.back().start).substr(0, 10);
+    std::string error;
+    if (drawChart(in, output, &error) != 0) {
+        fprintf(stderr, "tmctl: %s\n", error.c_str());
+        return kExitFailed;
+    }
+    printf("%s: %zu days drawn\n", output.c_str(), in.days.size());
+    return kExitOk;
 }
 
 }  // namespace tmctl

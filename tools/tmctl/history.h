@@ -10,6 +10,8 @@ namespace tmctl {
 
 // "tmctl history ARGS..."; returns the exit status.
 int historyCommand(const std::vector<std::string> &args);
+// "tmctl chart ARGS...": the daily use of the last days as a picture; returns the exit status.
+int chartCommand(const std::vector<std::string> &args);
 
 }  // namespace tmctl
 

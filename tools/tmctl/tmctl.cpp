@@ -32,6 +32,7 @@ const char kTopHelp[] =
     "  mdm set OID[.N] name=value|name ...             change fields (bare name: null)\n"
     "  flash decode (IMAGE | DEVICE) [--json | --csv]   list the traffic history on a \"tm\" partition\n"
     "  history (IMAGE | DEVICE) [--days ...] [--json | --csv]   traffic per period, as kvard rebuilds it\n"
+    "  chart (IMAGE | DEVICE) -o FILE.png|FILE.svg [--days N]   daily use as a bar chart\n"
     "  stats [--json | --oneline] [--alert]            the published figures, the limit and its state\n"
     "\n"
     "'tmctl COMMAND --help' tells more. Exit status: 0 done, 1 failed, 2 bad arguments.\n";
@@ -239,6 +240,7 @@ int main(int argc, char **argv)
     if (cmd == "mdm") return cmdMdm(args);
     if (cmd == "flash") return flashCommand(args);
     if (cmd == "history") return historyCommand(args);
+    if (cmd == "chart") return chartCommand(args);
     if (cmd == "stats") return statsCommand(args);
     return usage("unknown command '" + cmd + "'");
 }
