@@ -83,6 +83,7 @@ TEST(TmctlStats, json_matches_the_published_object_field_by_field_with_numbers_b
     EXPECT_EQ(j["current"]["local"], "2026-03-10 10:00:00");
     EXPECT_EQ(j["passedDays"], 9);
     EXPECT_EQ(j["periodDays"], 31);
+    EXPECT_EQ(j["nextReset"]["local"], "2026-04-01 00:00:00");
     EXPECT_EQ(j["limit"], json::parse(R"({"enabled":true,"type":"download","unit":"MB","limit":50000.0,"warning":45000.0,
         "usedMB":123,"limitMB":50000,"usedMinutes":null,"limitHours":null})"));
     EXPECT_EQ(j["status"], json::parse(R"({"code":0,"text":"0","words":"no limit reached"})"));
@@ -104,6 +105,8 @@ TEST(TmctlStats, json_matches_the_published_object_field_by_field_with_numbers_b
     EXPECT_EQ(j["limit"]["warning"], 22.0);
     EXPECT_EQ(j["limit"]["limitHours"], 24);
     EXPECT_EQ(j["reset"], json::parse(R"({"day":15,"hour":23,"minute":30})")) << "11 pm is 23";
+    EXPECT_EQ(j["nextReset"]["local"], "2026-03-15 23:30:00") << "this month's reset is still to come";
+    EXPECT_EQ(j["nextReset"]["epoch"], meter::T("2026-03-15 23:30:00"));
     ASSERT_EQ(sscanf(published["volume_left"].c_str(), "%d:%d", &h, &m), 2);
     EXPECT_EQ(j["left"]["minutes"], h * 60 + m);
     ASSERT_EQ(sscanf(published["connTimeUsed"].c_str(), "%d:%d", &h, &m), 2);

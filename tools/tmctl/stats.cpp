@@ -23,10 +23,12 @@
 #include <nlohmann/json.hpp>
 
 #include "core/tmcore.h"
+#include "history/tmcalendar.h"
 #include "platform/bcm_dm_util.h"
 #include "platform/cms/cms.h"
 #include "platform/cms/cms_fields.h"
 #include "platform/cms/cms_store.h"
+#include "tools/tmctl/historyhost.h"
 #include "tools/tmctl/mdm.h"
 
 namespace tmctl {
@@ -234,6 +236,31 @@ std::optional<std::string> localText(const Text &t)
     return std::string(out);
 }
 
+// The next monthly reset after the moment the figures were published, by the
+// daemon's own calendar (TmCalcResetTimes on a synchronised clock standing at
+// that moment, read in this process's zone); nullopt when the moment is unknown.
+std::optional<int32_t> nextReset(const TmConfig &c, const Text &published)
+{
+    if (!published) return std::nullopt;
+    struct tm fields = {};
+    const char *end = strptime(published->c_str(), "%a %b %d %H:%M:%S %Y", &fields);
+    if (end == nullptr || (*end != '\0' && strcmp(end, "\n") != 0)) return std::nullopt;
+    fields.tm_isdst = -1;
+    setHistoryClock((int32_t)mktime(&fields));
+    tmCore.exportData.timeSync = 1;
+    if (TmCalcResetTimes(c.resetDay, c.resetHour, c.resetMinute) == 0) return std::nullopt;
+    return tmCore.exportData.nextResetTime;
+}
+
+std::string localSeconds(int32_t t)
+{
+    time_t v = t;
+    struct tm fields;
+    char out[32];
+    strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S", localtime_r(&v, &fields));
+    return out;
+}
+
 std::string trimmed(const std::string &s)
 {
     size_t a = s.find_first_not_of(" \n"), b = s.find_last_not_of(" \n");
@@ -338,7 +365,10 @@ void printTable(const Snapshot &s)
     printf("%-14s %s, day %s of %s\n", "counting from", localText(start).value_or(shown(start)).c_str(),
            shown(field(s, "passedDay")).c_str(), shown(field(s, "periodDay")).c_str());
     printf("%-14s %s\n", "as of", localText(now).value_or(shown(now)).c_str());
-    printf("%-14s not published by kvard (the settings reset on %s)\n", "next reset", resetWords(c).c_str());
+    if (auto next = nextReset(c, now))
+        printf("%-14s %s (the settings reset on %s)\n", "next reset", localSeconds(*next).c_str(), resetWords(c).c_str());
+    else
+        printf("%-14s unknown (the settings reset on %s)\n", "next reset", resetWords(c).c_str());
     auto l = left(field(s, "volume_left"));
     if (l && l->time)
         printf("%-14s %s (hours:minutes of connection time)\n", "left", shown(field(s, "volume_left")).c_str());
@@ -412,7 +442,8 @@ void printJson(const Snapshot &s)
     j["current"] = moment(field(s, "current_data_time"));
     j["passedDays"] = numberOrNull(wholeNumber(field(s, "passedDay")));
     j["periodDays"] = numberOrNull(wholeNumber(field(s, "periodDay")));
-    j["nextReset"] = nullptr;
+    auto next = nextReset(c, field(s, "current_data_time"));
+    j["nextReset"] = next ? Json{{"local", localSeconds(*next)}, {"epoch", *next}} : Json(nullptr);
     j["reset"] = {{"day", c.resetDay}, {"hour", c.resetHour}, {"minute", c.resetMinute}};
     Json limit = {{"enabled", c.enable != 0}, {"type", limitKind(c)}, {"unit", nullptr}, {"limit", nullptr},
                   {"warning", nullptr}};
