@@ -8,6 +8,7 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 out=${KVARD_BUILD_DIR:-$top/build}
 bash "$top/tools/install-deps.sh"
+echo "building kvard, tmctl and the box in $out/demo ..."
 cmake -S "$top" -B "$out/demo" -G Ninja -DKVARD_BENCH=OFF >/dev/null
 cmake --build "$out/demo" -j"$(nproc)" --target kvard kvard-sandbox sandbox-helper tmctl mtdsim >/dev/null
 prefix=$out/demo/stage
@@ -49,12 +50,33 @@ done
 echo
 echo "The clock now reads $(TZ=Europe/Berlin date -d "@$now" '+%F %T %Z') (the day had 23 hours: summer time began)."
 
-say "What the router shows: the statistics object"
-"$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | grep -E '^(today|yesterday|thismonth)_|^(start|current)_data_time|^volume_left|^passedDay'
+say "What the router shows: tmctl stats reads the published statistics object and the settings"
+"$box" exec "$state" -- tmctl stats
 
-say "What survives a reboot: the half-day records on flash"
-"$box" exec "$state" -- tmctl send TM_MSG_DUMP_HDAY_FLASH >/dev/null
-sleep 0.3; grep -a '^Index: .*tx:' "$state/stdout" | tail -4
+say "A reboot: kvard stopped and started again rebuilds its figures from flash"
+figures() { "$box" exec "$state" -- tmctl stats --json | python3 -c '
+import json, sys
+p = json.load(sys.stdin)["periods"]
+print("  ".join("%s: %.2f MB down, %.2f MB up, %s connected" % (k, p[k]["download"], p[k]["upload"], p[k]["connTime"]) for k in ("today", "thismonth")))'; }
+echo "before: $(figures)"
+"$box" stop "$state" >/dev/null
+"$box" start "$state" --wait >/dev/null
+echo "after:  $(figures)"
+echo "The byte figures are the same. The connection time of a DHCP link is not kept on flash"
+echo "(only a PPP link's is), so after a restart it counts again from zero."
+
+# The flash tools read the box's partition image from outside, at the box's clock and in its zone.
+offline() { TZ=Europe/Berlin KVARD_MDM_DIR="$state/var/lib/kvard/mdm" "$prefix/bin/tmctl" "$@"; }
+clock=$(cat "$state/sandbox/clock")
+
+say "The history on flash: tmctl history, per day, as kvard rebuilds it"
+offline history "$state/sandbox/mtd.img" --days --at "$clock" | tail -n 5
+
+say "What is on the flash: tmctl flash decode, its summary"
+offline flash decode "$state/sandbox/mtd.img" | sed -n '/^minute ring:/,$p'
+
+say "A chart of the daily use"
+offline chart "$state/sandbox/mtd.img" -o "$state/usage.png" --days 7 --at "$clock"
 
 say "A simulated month with a limit: 400 MB a month, warning 100 MB before it, WAN cut and LED flashing at the limit"
 "$box" exec "$state" -- tmctl mdm set MDMOID_ORNA_TRAFFIC_METER contrl_type=Both volume_monthly_limit=400 mark=100 block_on=true led_on=true
@@ -65,11 +87,11 @@ wake() {  # epoch, rx, tx
   "$box" exec "$state" -- tmctl send TM_MSG_TIME_WAKE --timeout 10000 >/dev/null
 }
 status() {
-  printf '%s  markStatus=%s  used=%s MB  left=%s\n' "$(TZ=Europe/Berlin date -d "@$1" '+%F %H:%M')" \
+  printf '%s  markStatus=%s  %s\n' "$(TZ=Europe/Berlin date -d "@$1" '+%F %H:%M')" \
     "$("$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER | sed -n 's/^markStatus=//p')" \
-    "$("$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | sed -n 's/^dataUsed=//p')" \
-    "$("$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | sed -n 's/^volume_left=//p')"
+    "$("$box" exec "$state" -- tmctl stats --oneline)"
 }
+echo "markStatus: 0 no limit reached, 1 warning, 3 limit reached, 4 limit reached and the WAN taken down"
 : > "$state/sandbox/stubs.log"
 for day in $(seq 1 4); do
   now=$((now + 21600)); rx=$((rx + 40000000)); tx=$((tx + 5000000)); wake "$now" "$rx" "$tx"; status "$now"
