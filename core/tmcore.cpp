@@ -56,12 +56,7 @@ int TmInit(const char *path)
     }
     if (debugFlag) TmFlashPrintGeometry();
     tmCore.mtdInit = 1;
-    TmRings rings;
-    TmRingLayout(TmFlashPagesPerBlock(), &rings);
-    tmCore.minFlashSize = rings.minSize;
-    tmCore.hDayFlashSize = rings.hDaySize;
-    tmCore.minFlashStart = rings.minStart;
-    tmCore.hDayFlashStart = rings.hDayStart;
+    TmPlaceRings();
 
     ed.link = TM_LINK_NONE;
     tmCore.initLinkUpRx = 0;
@@ -85,6 +80,16 @@ int TmInit(const char *path)
     // Nothing of a former run's limit state outlives a restart.
     TrafficMeter_ProcessLimitWarning(0, 0, 0, 0, 0);
     return 0;
+}
+
+void TmPlaceRings(void)
+{
+    TmRings rings;
+    TmRingLayout(TmFlashPagesPerBlock(), &rings);
+    tmCore.minFlashSize = rings.minSize;
+    tmCore.hDayFlashSize = rings.hDaySize;
+    tmCore.minFlashStart = rings.minStart;
+    tmCore.hDayFlashStart = rings.hDayStart;
 }
 
 void TmNow(int32_t *out)

@@ -117,6 +117,8 @@ extern volatile uint32_t debugFlag;
 
 // Brings the core from all zero to running; 0 ready, -1 failed (process ends).
 int TmInit(const char *path);
+// Places both rings on the opened partition (minutes first, then half-days, in whole blocks).
+void TmPlaceRings(void);
 // Current time: simNow while simulated input is active, else time().
 void TmNow(int32_t *out);
 // Seconds since boot from /proc/uptime through the shell; 0 if that fails.

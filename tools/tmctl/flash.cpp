@@ -54,15 +54,6 @@ bool parseSize(const char *text, uint32_t *out)
     return true;
 }
 
-std::string localTime(int32_t t)
-{
-    time_t at = t;
-    struct tm fields;
-    char text[32];
-    if (!localtime_r(&at, &fields) || !strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields)) return "?";
-    return text;
-}
-
 std::string at(int32_t t) { return localTime(t) + " (" + std::to_string(t) + ")"; }
 
 std::string pageRange(const FlashRing &r)

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "history/tmpage.h"
 #include "history/tmrings.h"
@@ -176,6 +177,15 @@ int scanFlash(const std::string &path, const FlashOptions &options, FlashScan *s
         if (scan->newest < 0 || r.tEnd > scan->records[scan->newest].record.tEnd) scan->newest = (int64_t)i;
     }
     return kExitOk;
+}
+
+std::string localTime(int32_t t)
+{
+    time_t at = t;
+    struct tm fields;
+    char text[32];
+    if (!localtime_r(&at, &fields) || !strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields)) return "?";
+    return text;
 }
 
 }  // namespace tmctl

@@ -70,6 +70,9 @@ std::string unusableGeometry(uint32_t pageSize, uint32_t blockSize);
 // arguments) with *error the one line to print.
 int scanFlash(const std::string &path, const FlashOptions &options, FlashScan *scan, std::string *error);
 
+// A moment as local "YYYY-MM-DD hh:mm:ss" in this process's zone, as every verb prints it; "?" if it has none.
+std::string localTime(int32_t t);
+
 }  // namespace tmctl
 
 #endif

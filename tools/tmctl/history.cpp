@@ -126,13 +126,32 @@ bool parseAt(const char *text, int32_t *out)
     return true;
 }
 
-std::string localTime(int32_t t)
+// The options that history and chart share, numbered alike in both.
+enum { kAt = 256, kManual, kPage, kBlock, kOwnOptions };
+
+// Takes a shared option: 0 taken, 1 not a shared one, or the usage status for a bad value.
+int takeShared(int c, Options *o, const char *command)
 {
-    time_t at = t;
-    struct tm fields;
-    char text[32];
-    if (!localtime_r(&at, &fields) || !strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields)) return "?";
-    return text;
+    long long v = 0;
+    switch (c) {
+    case kAt:
+        if (!parseAt(optarg, &o->at))
+            return usage("--at needs a local time \"YYYY-MM-DD hh:mm:ss\", not '" + std::string(optarg) + "'", command);
+        o->haveAt = true;
+        return 0;
+    case kManual:
+        o->haveManual = true;
+        o->manualFile = optarg;
+        return 0;
+    case kPage:
+    case kBlock:
+        if (!parseNumber(optarg, 1, UINT32_MAX, &v))
+            return usage(std::string(c == kPage ? "--page-size" : "--block-size") + " needs a byte count", command);
+        (c == kPage ? o->flash.pageSize : o->flash.blockSize) = (uint32_t)v;
+        return 0;
+    default:
+        return 1;
+    }
 }
 
 int parseOptions(const std::vector<std::string> &args, Options *o)
@@ -142,7 +161,7 @@ int parseOptions(const std::vector<std::string> &args, Options *o)
     std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
-    enum { kAt = 256, kDay, kHour, kMinute, kManual, kPage, kBlock, kHalf, kDays, kWeeks, kMonths, kJson, kCsv, kHelp };
+    enum { kDay = kOwnOptions, kHour, kMinute, kHalf, kDays, kWeeks, kMonths, kJson, kCsv, kHelp };
     static const struct option longOptions[] = {
         {"at", required_argument, nullptr, kAt},         {"reset-day", required_argument, nullptr, kDay},
         {"reset-hour", required_argument, nullptr, kHour}, {"reset-minute", required_argument, nullptr, kMinute},
@@ -161,10 +180,6 @@ int parseOptions(const std::vector<std::string> &args, Options *o)
         if (c == -1) break;
         long long v = 0;
         switch (c) {
-        case kAt:
-            if (!parseAt(optarg, &o->at)) return usage("--at needs a local time \"YYYY-MM-DD hh:mm:ss\", not '" + std::string(optarg) + "'");
-            o->haveAt = true;
-            break;
         case kDay:
             if (!parseNumber(optarg, 1, 31, &v)) return usage("--reset-day takes 1 to 31");
             o->resetDay = (int)v;
@@ -177,15 +192,6 @@ int parseOptions(const std::vector<std::string> &args, Options *o)
             if (!parseNumber(optarg, 0, 59, &v)) return usage("--reset-minute takes 0 to 59");
             o->resetMinute = (int)v;
             break;
-        case kManual:
-            o->haveManual = true;
-            o->manualFile = optarg;
-            break;
-        case kPage:
-        case kBlock:
-            if (!parseNumber(optarg, 1, UINT32_MAX, &v)) return usage(std::string(c == kPage ? "--page-size" : "--block-size") + " needs a byte count");
-            (c == kPage ? o->flash.pageSize : o->flash.blockSize) = (uint32_t)v;
-            break;
         case kHalf: o->unit = Unit::HalfDays, units++; break;
         case kDays: o->unit = Unit::Days, units++; break;
         case kWeeks: o->unit = Unit::Weeks, units++; break;
@@ -194,7 +200,12 @@ int parseOptions(const std::vector<std::string> &args, Options *o)
         case kCsv: o->format = Format::Csv, formats++; break;
         case kHelp: fputs(kHistoryHelp, stdout); return -1;
         case ':': return usage(std::string(argv[optind - 1]) + " needs a value");
-        default: return usage("history: unknown option " + std::string(argv[optind - 1]));
+        default:
+            if (int r = takeShared(c, o, "history"); r != 1) {
+                if (r != 0) return r;
+                break;
+            }
+            return usage("history: unknown option " + std::string(argv[optind - 1]));
         }
     }
     if (units > 1) return usage("give one of --half-days, --days, --weeks and --months");
@@ -273,12 +284,7 @@ int replayStart(const TmConfig &config, TmStatistic *s, std::string *error)
         *error = "the partition's geometry cannot carry the rings";
         return kExitFailed;
     }
-    TmRings rings;
-    TmRingLayout(TmFlashPagesPerBlock(), &rings);
-    tmCore.minFlashSize = rings.minSize;
-    tmCore.hDayFlashSize = rings.hDaySize;
-    tmCore.minFlashStart = rings.minStart;
-    tmCore.hDayFlashStart = rings.hDayStart;
+    TmPlaceRings();
     ed.timeSync = 1;
     TmInitTrafficList(1);
     memset(s, 0, sizeof *s);
@@ -402,10 +408,21 @@ void printText(const Options &o, const TmStatistic &s, const std::vector<Row> &f
     printf("\nMB = 1,000,000 bytes; connected h:mm\n");
 }
 
+// What a replayed start leaves: the settings it ran with, the figures it would
+// publish, and the moment it ran at.
+struct Rebuilt {
+    TmConfig config;
+    TmStatistic s;
+    int32_t now = 0;
+};
+
 // The partition read, the settings taken and kvard's start replayed at the
 // moment asked for; a failure is reported on stderr and its status returned.
-int rebuild(const Options &o, TmConfig *config, TmStatistic *s, int32_t *now)
+int rebuild(const Options &o, Rebuilt *r)
 {
+    TmConfig *config = &r->config;
+    TmStatistic *s = &r->s;
+    int32_t *now = &r->now;
     std::string error;
     FlashScan scan;
     int status = scanFlash(o.path, o.flash, &scan, &error);
@@ -431,13 +448,12 @@ int historyCommand(const std::vector<std::string> &args)
     int status = parseOptions(args, &o);
     if (status == -1) return kExitOk;
     if (status != kExitOk) return status;
-    TmConfig config;
-    TmStatistic s;
-    int32_t now = 0;
-    status = rebuild(o, &config, &s, &now);
-    if (status != kExitOk) return status;
+    Rebuilt r;
+    if ((status = rebuild(o, &r)) != kExitOk) return status;
+    const TmStatistic &s = r.s;
+    const int32_t now = r.now;
     const std::vector<Row> fixed = periods(s);
-    const std::vector<Row> rows = table(o.unit, config, now);
+    const std::vector<Row> rows = table(o.unit, r.config, now);
 
     if (o.format == Format::Json) {
         nlohmann::json doc = {{"source", o.path}, {"at", now}, {"at_local", localTime(now)},
@@ -472,7 +488,7 @@ int parseChartOptions(const std::vector<std::string> &args, Options *o, std::str
     std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
-    enum { kAt = 256, kManual, kPage, kBlock, kDays, kHelp };
+    enum { kDays = kOwnOptions, kHelp };
     static const struct option longOptions[] = {
         {"output", required_argument, nullptr, 'o'},      {"days", required_argument, nullptr, kDays},
         {"at", required_argument, nullptr, kAt},          {"manual-reset", required_argument, nullptr, kManual},
@@ -492,22 +508,14 @@ int parseChartOptions(const std::vector<std::string> &args, Options *o, std::str
                 return usage("--days takes 1 to 62 (kvard keeps 62 days), not '" + std::string(optarg) + "'", "chart");
             *days = (int)v;
             break;
-        case kAt:
-            if (!parseAt(optarg, &o->at)) return usage("--at needs a local time \"YYYY-MM-DD hh:mm:ss\", not '" + std::string(optarg) + "'", "chart");
-            o->haveAt = true;
-            break;
-        case kManual:
-            o->haveManual = true;
-            o->manualFile = optarg;
-            break;
-        case kPage:
-        case kBlock:
-            if (!parseNumber(optarg, 1, UINT32_MAX, &v)) return usage(std::string(c == kPage ? "--page-size" : "--block-size") + " needs a byte count", "chart");
-            (c == kPage ? o->flash.pageSize : o->flash.blockSize) = (uint32_t)v;
-            break;
         case kHelp: fputs(kChartHelp, stdout); return -1;
         case ':': return usage(std::string(argv[optind - 1]) + " needs a value", "chart");
-        default: return usage("chart: unknown option " + std::string(argv[optind - 1]), "chart");
+        default:
+            if (int r = takeShared(c, o, "chart"); r != 1) {
+                if (r != 0) return r;
+                break;
+            }
+            return usage("chart: unknown option " + std::string(argv[optind - 1]), "chart");
         }
     }
     auto endsWith = [&](const char *suffix) {
@@ -532,11 +540,10 @@ int chartCommand(const std::vector<std::string> &args)
     int status = parseChartOptions(args, &o, &output, &days);
     if (status == -1) return kExitOk;
     if (status != kExitOk) return status;
-    TmConfig config;
-    TmStatistic s;
-    int32_t now = 0;
-    status = rebuild(o, &config, &s, &now);
-    if (status != kExitOk) return status;
+    Rebuilt r;
+    if ((status = rebuild(o, &r)) != kExitOk) return status;
+    const TmConfig &config = r.config;
+    const int32_t now = r.now;
     const std::vector<Row> rows = table(Unit::Days, config, now);
     ChartInput in;
     // The days up to and with today: the table reaches to the end of the running half-day.
@@ -548,7 +555,7 @@ int chartCommand(const std::vector<std::string> &args)
         in.limit = config.limitVol;
         in.limitCountsUpload = config.limitType == 2;
     }
-    in.periodStart = s.start_data_time;
+    in.periodStart = r.s.start_data_time;
     if (!in.days.empty())
         in.title = "Daily use in MB, " + localTime(in.days.front().start).substr(0, 10) + " to " +
                    localTime(in.days.back().start).substr(0, 10);

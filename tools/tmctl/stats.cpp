@@ -252,14 +252,6 @@ std::optional<int32_t> nextReset(const TmConfig &c, const Text &published)
     return tmCore.exportData.nextResetTime;
 }
 
-std::string localSeconds(int32_t t)
-{
-    time_t v = t;
-    struct tm fields;
-    char out[32];
-    strftime(out, sizeof out, "%Y-%m-%d %H:%M:%S", localtime_r(&v, &fields));
-    return out;
-}
 
 std::string trimmed(const std::string &s)
 {
@@ -366,7 +358,7 @@ void printTable(const Snapshot &s)
            shown(field(s, "passedDay")).c_str(), shown(field(s, "periodDay")).c_str());
     printf("%-14s %s\n", "as of", localText(now).value_or(shown(now)).c_str());
     if (auto next = nextReset(c, now))
-        printf("%-14s %s (the settings reset on %s)\n", "next reset", localSeconds(*next).c_str(), resetWords(c).c_str());
+        printf("%-14s %s (the settings reset on %s)\n", "next reset", localTime(*next).c_str(), resetWords(c).c_str());
     else
         printf("%-14s unknown (the settings reset on %s)\n", "next reset", resetWords(c).c_str());
     auto l = left(field(s, "volume_left"));
@@ -443,7 +435,7 @@ void printJson(const Snapshot &s)
     j["passedDays"] = numberOrNull(wholeNumber(field(s, "passedDay")));
     j["periodDays"] = numberOrNull(wholeNumber(field(s, "periodDay")));
     auto next = nextReset(c, field(s, "current_data_time"));
-    j["nextReset"] = next ? Json{{"local", localSeconds(*next)}, {"epoch", *next}} : Json(nullptr);
+    j["nextReset"] = next ? Json{{"local", localTime(*next)}, {"epoch", *next}} : Json(nullptr);
     j["reset"] = {{"day", c.resetDay}, {"hour", c.resetHour}, {"minute", c.resetMinute}};
     Json limit = {{"enabled", c.enable != 0}, {"type", limitKind(c)}, {"unit", nullptr}, {"limit", nullptr},
                   {"warning", nullptr}};
