@@ -73,6 +73,7 @@ struct Scenario {
     StoreObject settings;    // over the box's 2888
     const char *manual;      // a stored manual reset time, "" for none
     std::vector<Page> pages;
+    std::vector<uint32_t> torn = {}, badCrc = {};  // pages (of the partition) spoilt after they were put
 };
 
 // A minute ring written round: the newest minute at page 3, the ring's end
@@ -118,6 +119,15 @@ TEST(History, the_five_periods_are_the_daemons_to_the_digit)
          {{true, 0, R("2026-06-01 00:00:00", 43200, 9999999, 1000000000001ull, 43199)},
           {true, 1, R("2026-05-31 12:00:00", 43200, 4, 5, 6)},
           {false, 0, R("2026-06-01 13:00:00", 60, 1000, 2000000, 60)}}},
+        {"reset day 31 in a 30-day month, beside a torn page and one whose CRC fails", "2026-04-30 10:00:00",
+         {{"day", "31"}, {"hour", "0"}}, "",
+         {{true, 0, R("2026-04-29 00:00:00", 43200, 1000, 3000000, 0)},
+          {true, 1, R("2026-04-29 12:00:00", 43200, 2000, 5000000, 0)},
+          {true, 2, R("2026-04-30 00:00:00", 43200, 4000, 7000000, 0)},  // torn below
+          {true, 3, R("2026-04-28 12:00:00", 43200, 8000, 11000000, 0)},  // CRC spoilt below
+          {false, 0, R("2026-04-30 09:58:00", 60, 16, 13000000, 0)},
+          {false, 1, R("2026-04-30 09:59:00", 60, 32, 17000000, 0)}},
+         {kHDayStart + 2}, {kHDayStart + 3}},
     };
     for (const Scenario &s : scenarios) {
         SCOPED_TRACE(s.claim);
@@ -133,6 +143,9 @@ TEST(History, the_five_periods_are_the_daemons_to_the_digit)
         }
         Image image;
         for (const Page &p : s.pages) image.Put((p.halfDay ? kHDayStart : 0) + p.index, p.r);
+        // A cut after the header and part of the record; a bit of tx flipped under a whole CRC.
+        for (uint32_t page : s.torn) std::fill_n(&image.bytes[size_t(page) * kPageSize + 20], kPageSize - 20, '\xFF');
+        for (uint32_t page : s.badCrc) image.bytes[size_t(page) * kPageSize + 16] ^= 0x04;
         box.WriteFile("before.img", image.bytes);
         image.WriteTo(box);
         Go(box);
@@ -150,6 +163,29 @@ TEST(History, the_five_periods_are_the_daemons_to_the_digit)
         EXPECT_TRUE(box.ReadFile("before.img") == image.bytes) << "the tool wrote the image";
         EXPECT_EQ(Asc(j["manual_reset"] != 0 ? int32_t(j["manual_reset"]) : int32_t(j["period_start"])),
                   Stat(box, "start_data_time"));
+    }
+}
+
+// The daemon meters a morning into its own flash, stops, and starts again later;
+// the tool on the image it left must give what the second start publishes.
+TEST(History, an_image_the_daemon_wrote_gives_what_its_next_start_publishes)
+{
+    Sandbox box(At("2026-03-10 09:55:00"));
+    Go(box, {{"eth0.1", 1000, 1000}});
+    uint64_t rx = 1000, tx = 1000;
+    for (int32_t t = T("2026-03-10 10:00:00"); t <= T("2026-03-10 12:30:00"); t += 600)
+        WakeAt(box, t, {{"eth0.1", rx += 3000017 + uint64_t(t % 7) * 1000, tx += 120011}});
+    box.Stop();
+    box.WriteFile("before.img", box.ReadFile("sandbox/mtd.img").value());
+    SetClock(box, T("2026-03-10 13:30:00"));
+    Go(box);
+    json j = HistoryJson(box, "'" + box.Path("before.img") + "' --at '2026-03-10 13:30:00'");
+    ASSERT_TRUE(j.contains("periods"));
+    EXPECT_NE(Stat(box, "today_download"), "0.00");
+    for (const char *period : {"today", "yesterday", "thisweek", "thismonth", "lastmonth"}) {
+        const std::string name = period;
+        EXPECT_EQ(Mb(j["periods"][period]["download"]), Stat(box, name + "_download")) << name;
+        EXPECT_EQ(Mb(j["periods"][period]["upload"]), Stat(box, name + "_upload")) << name;
     }
 }
 
