@@ -18,11 +18,13 @@ using tmctl::ChartColour;
 
 constexpr uint64_t kMB = 1000000;
 
-int Tmctl(const Sandbox &box, const std::string &args, std::string *err)
+// `tmctl chart ARGS` with the box's store (or STORE) in the box's zone; the exit status, *err its stderr.
+int Tmctl(const Sandbox &box, const std::string &args, std::string *err, const std::string &store = "")
 {
     std::string errPath = box.Path("chart.err");
-    std::string cmd = "env TZ=" + std::string(kZone) + " KVARD_MDM_DIR='" + box.Path("var/lib/kvard/mdm") + "' '" +
-                      InstalledPrefix() + "/bin/tmctl' chart " + args + " >/dev/null 2>'" + errPath + "'";
+    std::string cmd = "env TZ=" + std::string(kZone) + " KVARD_MDM_DIR='" +
+                      (store.empty() ? box.Path("var/lib/kvard/mdm") : store) + "' '" + InstalledPrefix() +
+                      "/bin/tmctl' chart " + args + " >'" + box.Path("chart.out") + "' 2>'" + errPath + "'";
     int raw = std::system(cmd.c_str());
     std::ifstream in(errPath);
     *err = std::string(std::istreambuf_iterator<char>(in), {});
@@ -84,18 +86,21 @@ TEST(TmctlChart, bars_and_the_limit_line_stand_where_the_days_totals_put_them)
     // The limit line, in the gap before the second day's bar.
     EXPECT_EQ(Name(png.At(l.left + l.slot + 2, std::round(l.RunningY(5000)))), Name(tmctl::kChartLimit));
 
-    // Bad requests: a picture format it cannot write, no output, a missing image.
-    struct { std::string args; int status; } bad[] = {
+    // Bad requests: a picture format it cannot write, no output, a missing image, a store with no settings.
+    struct { std::string args; int status; std::string store = ""; } bad[] = {
         {"'" + img + "' -o '" + box.Path("c.gif") + "'", 2},
         {"'" + img + "'", 2},
         {"'" + img + "' -o x.png --days 63", 2},
         {"'" + box.Path("missing.img") + "' -o '" + box.Path("m.png") + "'", 1},
+        {"'" + img + "' -o '" + box.Path("m.png") + "'", 1, box.Path("no-store")},
     };
     for (const auto &b : bad) {
-        EXPECT_EQ(Tmctl(box, b.args, &err), b.status) << b.args;
+        EXPECT_EQ(Tmctl(box, b.args, &err, b.store), b.status) << b.args;
         EXPECT_EQ(err.rfind("tmctl: ", 0), 0u) << err;
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     }
+    EXPECT_EQ(Tmctl(box, "--help", &err), 0);
+    EXPECT_EQ(box.ReadFile("chart.out").value_or("").rfind("usage: tmctl chart", 0), 0u);
 }
 
 }  // namespace

@@ -22,11 +22,11 @@ struct Outcome {
     std::string out, err;
 };
 
-// `tmctl history ARGS` in the box's zone, with the box's store and ENV assignments in front.
+// `tmctl history ARGS` in the box's zone, with the box's store, then ENV assignments (which may replace it).
 Outcome History(const Sandbox &box, const std::string &args, const std::string &env = "")
 {
     std::string out = box.Path("history.out"), err = box.Path("history.err");
-    std::string cmd = "env " + env + " TZ=" + std::string(kZone) + " KVARD_MDM_DIR='" + box.Path("var/lib/kvard/mdm") + "' '" +
+    std::string cmd = "env TZ=" + std::string(kZone) + " KVARD_MDM_DIR='" + box.Path("var/lib/kvard/mdm") + "' " + env + " '" +
                       InstalledPrefix() + "/bin/tmctl' history " + args + " >'" + out + "' 2>'" + err + "'";
     int raw = std::system(cmd.c_str());
     auto slurp = [](const std::string &path) {
@@ -272,8 +272,10 @@ TEST(History, exit_status_and_one_error_line)
         std::string args;
         int status;
         const char *says;
+        std::string env = "";
     } cases[] = {
         {image + " --at '2026-03-10 10:00:00'", 0, ""},
+        {image, 1, "settings object 2888", "KVARD_MDM_DIR='" + box.Path("no-store") + "'"},
         {image + " --days --weeks", 2, "give one of"},
         {image + " --json --csv", 2, "give one of"},
         {image + " --at yesterday", 2, "--at needs"},
@@ -285,7 +287,7 @@ TEST(History, exit_status_and_one_error_line)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.args);
-        Outcome r = History(box, c.args);
+        Outcome r = History(box, c.args, c.env);
         EXPECT_EQ(r.status, c.status) << r.err;
         if (c.status == 0) {
             EXPECT_EQ(r.err, "");
@@ -297,6 +299,9 @@ TEST(History, exit_status_and_one_error_line)
             EXPECT_EQ(r.out, "");
         }
     }
+    Outcome help = History(box, "--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("usage: tmctl history", 0), 0u) << help.out;
 }
 
 }  // namespace
