@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build pkg-config
       libgtest-dev libgmock-dev googletest libbenchmark-dev zlib1g-dev nlohmann-json3-dev
-      libcairo2-dev fonts-dejavu-core
+      libcairo2-dev fonts-dejavu-core scdoc man-db groff-base bash-completion
       bubblewrap faketime libfaketime util-linux procps mawk tzdata
       qemu-user g++-arm-linux-gnueabihf libc6-dev-armhf-cross
       clang libclang-rt-14-dev llvm)
