@@ -257,4 +257,35 @@ std::optional<std::string> FindExecutable(const std::string &name, const std::st
     return std::nullopt;
 }
 
+static bool OthersFit(size_t count, size_t min, size_t max, size_t step) {
+    return count >= min && count <= max && (count - min) % (step ? step : 1) == 0;
+}
+
+std::string ResolveInstanceDir(const std::string &dirOption, std::vector<std::string> &operands, size_t othersMin,
+                               size_t othersMax, size_t othersStep) {
+    const size_t count = operands.size();
+    bool withDir = count > 0 && dirOption.empty() && OthersFit(count - 1, othersMin, othersMax, othersStep);
+    bool withoutDir = OthersFit(count, othersMin, othersMax, othersStep);
+    if (withDir && withoutDir) {
+        // Both readings fit (stop DIR | stop SIGNAL): an existing directory is
+        // DIR; otherwise the first operand is DIR only when nothing else names one.
+        const char *fromEnv = getenv(kInstanceDirVariable);
+        withDir = IsDirectory(operands[0]) || !fromEnv || !*fromEnv;
+    }
+    if (withDir) {
+        std::string dir = operands.front();
+        operands.erase(operands.begin());
+        if (dir.empty()) throw UsageError("empty state directory name");
+        return dir;
+    }
+    if (!withoutDir) {
+        if (count < othersMin) throw UsageError("missing operand (see --help)");
+        throw UsageError("unexpected operand '" + operands.back() + "' (see --help)");
+    }
+    if (!dirOption.empty()) return dirOption;
+    const char *fromEnv = getenv(kInstanceDirVariable);
+    if (fromEnv && *fromEnv) return fromEnv;
+    throw UsageError(std::string("no state directory: give DIR, -C DIR or set ") + kInstanceDirVariable);
+}
+
 }  // namespace sandbox

@@ -72,6 +72,26 @@ bool PidRecordAlive(const PidRecord &record);
 // value) unless NAME contains a slash; nullopt when not found.
 std::optional<std::string> FindExecutable(const std::string &name, const std::string &searchPath);
 
+// A mistake in the command line (exit status 2), apart from a failure of the work.
+struct UsageError : Error {
+    using Error::Error;
+};
+
+// Environment variable naming the state directory when a command names none.
+inline constexpr const char *kInstanceDirVariable = "KVARD_SANDBOX_DIR";
+
+// The state directory a command works on, and OPERANDS without it.
+// DIR_OPTION is the value of -C/--dir ("" when not given); OPERANDS are the
+// command's operands in order. A command takes OTHERS_MIN + k * OTHERS_STEP
+// operands besides DIR (k >= 0), at most OTHERS_MAX. The first operand is DIR
+// when there is no -C and either the operands fit only with it, or both
+// readings fit and the first operand names an existing directory or
+// $KVARD_SANDBOX_DIR is unset. Without a
+// DIR operand, -C and then $KVARD_SANDBOX_DIR name it. Throws UsageError when
+// no directory is named or the operands fit neither reading.
+std::string ResolveInstanceDir(const std::string &dirOption, std::vector<std::string> &operands, size_t othersMin,
+                               size_t othersMax, size_t othersStep = 1);
+
 }  // namespace sandbox
 
 #endif
