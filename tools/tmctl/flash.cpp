@@ -14,6 +14,7 @@
 
 #include "history/tmrings.h"
 #include "tools/tmctl/flashscan.h"
+#include "tools/tmctl/cli.h"
 #include "tools/tmctl/mdm.h"
 
 namespace tmctl {
@@ -188,12 +189,12 @@ void printCsv(const FlashScan &s)
 
 int decode(const std::vector<std::string> &args)
 {
-    enum { kJson = 1, kCsv, kVerbose, kPageSize, kBlockSize, kHelp };
+    enum { kJson = 1, kCsv, kVerbose, kPageSize, kBlockSize, kHelp, kVersion };
     static const struct option longOptions[] = {
         {"json", no_argument, nullptr, kJson},           {"csv", no_argument, nullptr, kCsv},
         {"verbose", no_argument, nullptr, kVerbose},     {"page-size", required_argument, nullptr, kPageSize},
         {"block-size", required_argument, nullptr, kBlockSize}, {"help", no_argument, nullptr, kHelp},
-        {nullptr, 0, nullptr, 0}};
+        {"version", no_argument, nullptr, kVersion},     {nullptr, 0, nullptr, 0}};
     std::vector<std::string> storage = {"tmctl flash decode"};
     storage.insert(storage.end(), args.begin(), args.end());
     std::vector<char *> argv;
@@ -228,6 +229,8 @@ int decode(const std::vector<std::string> &args)
         case kHelp:
             fputs(kFlashHelp, stdout);
             return kExitOk;
+        case kVersion:
+            return printVersion();
         case ':':
             return usage(std::string("flash decode: ") + argv[optind - 1] + " needs a value");
         default:
@@ -273,6 +276,7 @@ int flashCommand(const std::vector<std::string> &args)
         fputs(kFlashHelp, stdout);
         return kExitOk;
     }
+    if (args[0] == "--version") return printVersion();
     if (args[0] == "decode") return decode(std::vector<std::string>(args.begin() + 1, args.end()));
     return usage("flash: unknown command '" + args[0] + "'");
 }

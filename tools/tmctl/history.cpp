@@ -32,6 +32,7 @@
 #include "tools/tmctl/chart.h"
 #include "tools/tmctl/flashscan.h"
 #include "tools/tmctl/historyhost.h"
+#include "tools/tmctl/cli.h"
 #include "tools/tmctl/mdm.h"
 
 namespace tmctl {
@@ -161,7 +162,7 @@ int parseOptions(const std::vector<std::string> &args, Options *o)
     std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
-    enum { kDay = kOwnOptions, kHour, kMinute, kHalf, kDays, kWeeks, kMonths, kJson, kCsv, kHelp };
+    enum { kDay = kOwnOptions, kHour, kMinute, kHalf, kDays, kWeeks, kMonths, kJson, kCsv, kHelp, kVersion };
     static const struct option longOptions[] = {
         {"at", required_argument, nullptr, kAt},         {"reset-day", required_argument, nullptr, kDay},
         {"reset-hour", required_argument, nullptr, kHour}, {"reset-minute", required_argument, nullptr, kMinute},
@@ -170,13 +171,13 @@ int parseOptions(const std::vector<std::string> &args, Options *o)
         {"days", no_argument, nullptr, kDays},           {"weeks", no_argument, nullptr, kWeeks},
         {"months", no_argument, nullptr, kMonths},       {"json", no_argument, nullptr, kJson},
         {"csv", no_argument, nullptr, kCsv},             {"help", no_argument, nullptr, kHelp},
-        {nullptr, 0, nullptr, 0},
+        {"version", no_argument, nullptr, kVersion},     {nullptr, 0, nullptr, 0},
     };
     optind = 0;
     opterr = 0;
     int units = 0, formats = 0;
     for (;;) {
-        int c = getopt_long((int)words.size(), argv.data(), "", longOptions, nullptr);
+        int c = getopt_long((int)words.size(), argv.data(), ":", longOptions, nullptr);
         if (c == -1) break;
         long long v = 0;
         switch (c) {
@@ -199,6 +200,7 @@ int parseOptions(const std::vector<std::string> &args, Options *o)
         case kJson: o->format = Format::Json, formats++; break;
         case kCsv: o->format = Format::Csv, formats++; break;
         case kHelp: fputs(kHistoryHelp, stdout); return -1;
+        case kVersion: printVersion(); return -1;
         case ':': return usage(std::string(argv[optind - 1]) + " needs a value");
         default:
             if (int r = takeShared(c, o, "history"); r != 1) {
@@ -488,12 +490,13 @@ int parseChartOptions(const std::vector<std::string> &args, Options *o, std::str
     std::vector<char *> argv;
     for (std::string &w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
-    enum { kDays = kOwnOptions, kHelp };
+    enum { kDays = kOwnOptions, kHelp, kVersion };
     static const struct option longOptions[] = {
         {"output", required_argument, nullptr, 'o'},      {"days", required_argument, nullptr, kDays},
         {"at", required_argument, nullptr, kAt},          {"manual-reset", required_argument, nullptr, kManual},
         {"page-size", required_argument, nullptr, kPage}, {"block-size", required_argument, nullptr, kBlock},
-        {"help", no_argument, nullptr, kHelp},            {nullptr, 0, nullptr, 0},
+        {"help", no_argument, nullptr, kHelp},            {"version", no_argument, nullptr, kVersion},
+        {nullptr, 0, nullptr, 0},
     };
     optind = 0;
     opterr = 0;
@@ -509,6 +512,7 @@ int parseChartOptions(const std::vector<std::string> &args, Options *o, std::str
             *days = (int)v;
             break;
         case kHelp: fputs(kChartHelp, stdout); return -1;
+        case kVersion: printVersion(); return -1;
         case ':': return usage(std::string(argv[optind - 1]) + " needs a value", "chart");
         default:
             if (int r = takeShared(c, o, "chart"); r != 1) {

@@ -7,8 +7,9 @@
 
 namespace tmctl {
 
-// Exit status of a command: 0 done, 1 failed at run time, 2 bad arguments.
-enum { kExitOk = 0, kExitFailed = 1, kExitUsage = 2 };
+// Exit status of a command: 0 done, 1 failed at run time, 2 bad arguments or
+// values, 3 settings saved but not applied by kvard (not running, or it refused).
+enum { kExitOk = 0, kExitFailed = 1, kExitUsage = 2, kExitNotApplied = 3 };
 
 // How long tmctl waits for the store lock.
 constexpr unsigned kLockTimeoutMs = 5000;

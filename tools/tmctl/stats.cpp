@@ -29,6 +29,7 @@
 #include "platform/cms/cms_fields.h"
 #include "platform/cms/cms_store.h"
 #include "tools/tmctl/historyhost.h"
+#include "tools/tmctl/cli.h"
 #include "tools/tmctl/mdm.h"
 
 namespace tmctl {
@@ -99,25 +100,6 @@ bool lockStore()
     if (ret == CMSRET_TIMED_OUT)
         fprintf(stderr, "tmctl: the store lock %s/.lock is held by another process\n", cmsStore_dir());
     return ret == CMSRET_SUCCESS;   // other failures were reported by the library, naming the lock file
-}
-
-// bcm_dm_ReadConfig prints the settings on stdout, as the daemon's console
-// line; here that line would mix with the output, so stdout is muted meanwhile.
-int readConfigQuietly(TmConfig *config)
-{
-    fflush(stdout);
-    int saved = dup(STDOUT_FILENO), devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (saved < 0 || devNull < 0 || dup2(devNull, STDOUT_FILENO) < 0) {
-        if (saved >= 0) close(saved);
-        if (devNull >= 0) close(devNull);
-        return -1;
-    }
-    close(devNull);
-    int ret = bcm_dm_ReadConfig("", config);
-    fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    return ret;
 }
 
 int readSnapshot(Snapshot *snap)
@@ -499,13 +481,33 @@ void printOneline(const Snapshot &s)
 
 }  // namespace
 
+// bcm_dm_ReadConfig prints the settings on stdout, as the daemon's console
+// line; here that line would mix with the output, so stdout is muted meanwhile.
+int readConfigQuietly(TmConfig *config)
+{
+    fflush(stdout);
+    int saved = dup(STDOUT_FILENO), devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (saved < 0 || devNull < 0 || dup2(devNull, STDOUT_FILENO) < 0) {
+        if (saved >= 0) close(saved);
+        if (devNull >= 0) close(devNull);
+        return -1;
+    }
+    close(devNull);
+    int ret = bcm_dm_ReadConfig("", config);
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    return ret;
+}
+
 int statsCommand(const std::vector<std::string> &args)
 {
-    enum { kJson = 1, kOneline, kAlert, kHelp };
+    enum { kJson = 1, kOneline, kAlert, kHelp, kVersion };
     static const struct option longOptions[] = {{"json", no_argument, nullptr, kJson},
                                                 {"oneline", no_argument, nullptr, kOneline},
                                                 {"alert", no_argument, nullptr, kAlert},
                                                 {"help", no_argument, nullptr, kHelp},
+                                                {"version", no_argument, nullptr, kVersion},
                                                 {nullptr, 0, nullptr, 0}};
     std::vector<std::string> storage = {"tmctl stats"};
     storage.insert(storage.end(), args.begin(), args.end());
@@ -533,6 +535,8 @@ int statsCommand(const std::vector<std::string> &args)
         case kHelp:
             fputs(kStatsHelp, stdout);
             return kExitOk;
+        case kVersion:
+            return printVersion();
         default:
             return usage(std::string("stats: unknown option ") + argv[optind - 1]);
         }

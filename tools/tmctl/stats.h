@@ -6,11 +6,16 @@
 #include <string>
 #include <vector>
 
+struct TmConfig;
+
 namespace tmctl {
 
 // Exit status of --alert, after the limit state; 1 and 2 keep their meaning.
 enum { kAlertWarning = 10, kAlertLimit = 11, kAlertWanDown = 12 };
 
+// The settings as kvard reads them (bcm_dm_ReadConfig into a zeroed CONFIG),
+// without the console line that function prints; its result: 0 read, non-zero not.
+int readConfigQuietly(TmConfig *config);
 // "tmctl stats ARGS..."; returns the exit status.
 int statsCommand(const std::vector<std::string> &args);
 

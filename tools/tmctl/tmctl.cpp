@@ -1,6 +1,9 @@
 // tmctl: the control client of kvard. Sends control datagrams to the daemon,
 // reads and writes objects of the data-model store and decodes the traffic
 // history on flash (docs/tmctl.md).
+#include <getopt.h>
+
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +12,8 @@
 
 #include "platform/cms/cms.h"
 #include "platform/cms/cms_fields.h"
+#include "tools/tmctl/cli.h"
+#include "tools/tmctl/config.h"
 #include "tools/tmctl/exchange.h"
 #include "tools/tmctl/flash.h"
 #include "tools/tmctl/history.h"
@@ -69,23 +74,16 @@ const char kMdmHelp[] =
     "name sets that field to null. Objects:\n"
     "%s";
 
-int usage(const std::string &message)
-{
-    fprintf(stderr, "tmctl: %s (try 'tmctl --help')\n", message.c_str());
-    return kExitUsage;
-}
-
-bool wantsHelp(const std::vector<std::string> &args)
-{
-    for (const std::string &a : args)
-        if (a == "--help" || a == "-h") return true;
-    return false;
-}
+int usage(const std::string &message, const std::string &verb = "") { return usageError(verb, message); }
 
 std::string codeList()
 {
     std::string s;
-    for (const MessageCode &c : messageCodes()) s += "    " + std::to_string(c.code) + "\t" + c.name + "\n";
+    for (const MessageCode &c : messageCodes()) {
+        std::string shortName = std::string(c.name).substr(7);
+        for (char &ch : shortName) ch = ch == '_' ? '-' : static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+        s += "    " + std::to_string(c.code) + "\t" + c.name + "\t(" + shortName + ")\n";
+    }
     return s;
 }
 
@@ -126,100 +124,130 @@ int talk(const std::vector<uint8_t> &datagram, int timeoutMs, bool expectReply)
     return kExitFailed;
 }
 
+enum { kOptHelp = 'h', kOptText = 256, kOptHex, kOptTimeout, kOptNoReply, kOptVersion };
+
 int cmdSend(const std::vector<std::string> &args)
 {
-    if (wantsHelp(args)) {
-        printf(kSendHelp, codeList().c_str());
-        return kExitOk;
-    }
-    std::string code;
+    static const struct option longOptions[] = {
+        {"text", required_argument, nullptr, kOptText},       {"hex", required_argument, nullptr, kOptHex},
+        {"timeout", required_argument, nullptr, kOptTimeout}, {"help", no_argument, nullptr, kOptHelp},
+        {"version", no_argument, nullptr, kOptVersion},       {nullptr, 0, nullptr, 0}};
+    OptionArgs words("send", args);
     std::vector<uint8_t> body;
     bool haveBody = false;
     int timeoutMs = 2000;
-    for (size_t i = 0; i < args.size(); i++) {
-        const std::string &a = args[i];
-        bool hasValue = i + 1 < args.size();
-        if (a == "--text" || a == "--hex") {
-            if (!hasValue) return usage(a + " needs a value");
-            if (haveBody) return usage("give one of --text and --hex");
+    startOptions();
+    for (int c; (c = getopt_long(words.argc(), words.argv(), ":h", longOptions, nullptr)) != -1;) {
+        switch (c) {
+        case kOptText:
+        case kOptHex: {
+            if (haveBody) return usage("send: give one of --text and --hex", "send");
             haveBody = true;
             std::string error;
-            if (a == "--text")
-                body = textBody(args[++i]);
-            else if (!parseHex(args[++i], &body, &error))
-                return usage("--hex: " + error);
-        } else if (a == "--timeout") {
-            if (!hasValue || !parseTimeout(args[++i], &timeoutMs)) return usage("--timeout needs milliseconds");
-        } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
-            return usage("send: unknown option " + a);
-        } else if (code.empty()) {
-            code = a;
-        } else {
-            return usage("send: unexpected argument '" + a + "'");
+            if (c == kOptText)
+                body = textBody(optarg);
+            else if (!parseHex(optarg, &body, &error))
+                return usage("send: --hex: " + error, "send");
+            break;
+        }
+        case kOptTimeout:
+            if (!parseTimeout(optarg, &timeoutMs))
+                return usage("send: --timeout needs milliseconds, not '" + std::string(optarg) + "'", "send");
+            break;
+        case kOptHelp:
+            printf(kSendHelp, codeList().c_str());
+            return kExitOk;
+        case kOptVersion:
+            return printVersion();
+        default:
+            return optionError("send", words, c);
         }
     }
-    if (code.empty()) return usage("send: which CODE?");
+    std::vector<std::string> operands = words.operands();
+    if (operands.empty()) return usage("send: which CODE?", "send");
+    if (operands.size() > 1) return usage("send: unexpected argument '" + operands[1] + "'", "send");
     uint16_t value = 0;
-    if (!parseCode(code, &value)) return usage("send: unknown message code '" + code + "'");
-    if (body.size() > 0xFFFF) return usage("send: a body has at most 65535 bytes");
+    if (!parseCode(operands[0], &value)) return usage("send: unknown message code '" + operands[0] + "'", "send");
+    if (body.size() > 0xFFFF) return usage("send: a body has at most 65535 bytes", "send");
     return talk(buildDatagram(value, body), timeoutMs, true);
 }
 
 int cmdRaw(const std::vector<std::string> &args)
 {
-    if (wantsHelp(args)) {
-        fputs(kRawHelp, stdout);
-        return kExitOk;
-    }
-    bool haveHex = false, expectReply = true;
-    std::vector<uint8_t> datagram;
+    static const struct option longOptions[] = {
+        {"timeout", required_argument, nullptr, kOptTimeout}, {"no-reply", no_argument, nullptr, kOptNoReply},
+        {"help", no_argument, nullptr, kOptHelp},             {"version", no_argument, nullptr, kOptVersion},
+        {nullptr, 0, nullptr, 0}};
+    OptionArgs words("raw", args);
+    bool expectReply = true;
     int timeoutMs = 2000;
-    for (size_t i = 0; i < args.size(); i++) {
-        const std::string &a = args[i];
-        if (a == "--timeout") {
-            if (i + 1 >= args.size() || !parseTimeout(args[++i], &timeoutMs))
-                return usage("--timeout needs milliseconds");
-        } else if (a == "--no-reply") {
+    startOptions();
+    for (int c; (c = getopt_long(words.argc(), words.argv(), ":h", longOptions, nullptr)) != -1;) {
+        switch (c) {
+        case kOptTimeout:
+            if (!parseTimeout(optarg, &timeoutMs))
+                return usage("raw: --timeout needs milliseconds, not '" + std::string(optarg) + "'", "raw");
+            break;
+        case kOptNoReply:
             expectReply = false;
-        } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
-            return usage("raw: unknown option " + a);
-        } else if (!haveHex) {
-            std::string error;
-            if (!parseHex(a, &datagram, &error)) return usage("raw: " + error);
-            haveHex = true;
-        } else {
-            return usage("raw: unexpected argument '" + a + "'");
+            break;
+        case kOptHelp:
+            fputs(kRawHelp, stdout);
+            return kExitOk;
+        case kOptVersion:
+            return printVersion();
+        default:
+            return optionError("raw", words, c);
         }
     }
-    if (!haveHex) return usage("raw: which bytes? (\"\" sends a zero-length datagram)");
+    std::vector<std::string> operands = words.operands();
+    if (operands.empty()) return usage("raw: which bytes? (\"\" sends a zero-length datagram)", "raw");
+    if (operands.size() > 1) return usage("raw: unexpected argument '" + operands[1] + "'", "raw");
+    std::vector<uint8_t> datagram;
+    std::string error;
+    if (!parseHex(operands[0], &datagram, &error)) return usage("raw: " + error, "raw");
     return talk(datagram, timeoutMs, expectReply);
 }
 
 int cmdMdm(const std::vector<std::string> &args)
 {
-    if (args.empty() || wantsHelp(args)) {
-        if (args.empty()) return usage("mdm: get or set?");
-        std::string objects;
-        int count = 0;
-        const CmsObjectType *types = cmsFields_all(&count);
-        for (int i = 0; i < count; i++) {
-            objects += "  " + std::to_string(types[i].oid) + "\t" + types[i].name + ":";
-            for (uint16_t f = 0; f < types[i].fieldCount; f++) objects += std::string(" ") + types[i].fields[f].name;
-            objects += "\n";
+    static const struct option longOptions[] = {{"help", no_argument, nullptr, kOptHelp},
+                                                {"version", no_argument, nullptr, kOptVersion},
+                                                {nullptr, 0, nullptr, 0}};
+    OptionArgs words("mdm", args);
+    startOptions();
+    for (int c; (c = getopt_long(words.argc(), words.argv(), ":h", longOptions, nullptr)) != -1;) {
+        switch (c) {
+        case kOptHelp: {
+            std::string objects;
+            int count = 0;
+            const CmsObjectType *types = cmsFields_all(&count);
+            for (int i = 0; i < count; i++) {
+                objects += "  " + std::to_string(types[i].oid) + "\t" + types[i].name + ":";
+                for (uint16_t f = 0; f < types[i].fieldCount; f++) objects += std::string(" ") + types[i].fields[f].name;
+                objects += "\n";
+            }
+            printf(kMdmHelp, objects.c_str());
+            return kExitOk;
         }
-        printf(kMdmHelp, objects.c_str());
-        return kExitOk;
+        case kOptVersion:
+            return printVersion();
+        default:
+            return optionError("mdm", words, c);
+        }
     }
-    const std::string &verb = args[0];
+    std::vector<std::string> operands = words.operands();
+    if (operands.empty()) return usage("mdm: get or set?", "mdm");
+    const std::string &verb = operands[0];
     if (verb == "get") {
-        if (args.size() != 2) return usage("mdm get takes one OID[.N]");
-        return mdmGet(args[1]);
+        if (operands.size() != 2) return usage("mdm get takes one OID[.N]", "mdm");
+        return mdmGet(operands[1]);
     }
     if (verb == "set") {
-        if (args.size() < 2) return usage("mdm set takes OID[.N] and name=value ...");
-        return mdmSet(args[1], std::vector<std::string>(args.begin() + 2, args.end()));
+        if (operands.size() < 2) return usage("mdm set takes OID[.N] and name=value ...", "mdm");
+        return mdmSet(operands[1], std::vector<std::string>(operands.begin() + 2, operands.end()));
     }
-    return usage("mdm: unknown command '" + verb + "'");
+    return usage("mdm: unknown command '" + verb + "'", "mdm");
 }
 
 }  // namespace
@@ -235,6 +263,7 @@ int main(int argc, char **argv)
         fputs(kTopHelp, stdout);
         return kExitOk;
     }
+    if (cmd == "--version" || cmd == "-V") return printVersion();
     if (cmd == "send") return cmdSend(args);
     if (cmd == "raw") return cmdRaw(args);
     if (cmd == "mdm") return cmdMdm(args);
@@ -242,5 +271,7 @@ int main(int argc, char **argv)
     if (cmd == "history") return historyCommand(args);
     if (cmd == "chart") return chartCommand(args);
     if (cmd == "stats") return statsCommand(args);
+    if (cmd == "config") return configCommand(args);
+    if (!cmd.empty() && cmd[0] == '-') return usage("unknown option " + cmd);
     return usage("unknown command '" + cmd + "'");
 }

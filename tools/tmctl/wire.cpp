@@ -18,10 +18,19 @@ const std::vector<MessageCode> &messageCodes()
     return codes;
 }
 
+// "time-wake", "TIME_WAKE", "tm_msg_time_wake" and "TM_MSG_TIME_WAKE" are one name.
+static std::string canonicalName(const std::string &text)
+{
+    std::string s;
+    for (char ch : text) s += ch == '-' ? '_' : static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+    return s.compare(0, 7, "TM_MSG_") == 0 ? s : "TM_MSG_" + s;
+}
+
 bool parseCode(const std::string &text, uint16_t *code)
 {
+    const std::string name = canonicalName(text);
     for (const MessageCode &c : messageCodes()) {
-        if (text == c.name) {
+        if (name == c.name) {
             *code = c.code;
             return true;
         }

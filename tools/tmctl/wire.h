@@ -20,7 +20,8 @@ struct MessageCode {
 
 // Every message code the daemon knows, in ascending order.
 const std::vector<MessageCode> &messageCodes();
-// true and the code for a TM_MSG_ name, a decimal number or a 0x hex number up to 65535.
+// true and the code for a name (case-insensitive, TM_MSG_ prefix optional, '-' or '_'),
+// a decimal number or a 0x hex number up to 65535.
 bool parseCode(const std::string &text, uint16_t *code);
 // The TM_MSG_ name of a code; empty when the daemon has none for it.
 std::string codeName(uint16_t code);
