@@ -27,26 +27,32 @@ using namespace tmctl;
 
 const char kTopHelp[] =
     "usage: tmctl COMMAND [ARGS]\n"
+    "       tmctl --version\n"
     "\n"
     "Talks to kvard on 127.0.0.1:22724 and to its data-model store.\n"
     "\n"
     "commands:\n"
+    "  config show [--json]                            the settings and what kvard makes of them\n"
+    "  config set NAME=VALUE ... [--dry-run]           change settings, checked, then tell kvard\n"
     "  send CODE [--text T | --hex H] [--timeout MS]   send one control datagram, print the reply word\n"
     "  raw HEX [--timeout MS] [--no-reply]             send HEX as the whole datagram\n"
     "  mdm get OID[.N]                                 print an object's fields as name=value lines\n"
-    "  mdm set OID[.N] name=value|name ...             change fields (bare name: null)\n"
+    "  mdm set OID[.N] name=value|name ...             change fields unchecked (bare name: null)\n"
     "  flash decode (IMAGE | DEVICE) [--json | --csv]   list the traffic history on a \"tm\" partition\n"
     "  history (IMAGE | DEVICE) [--days ...] [--json | --csv]   traffic per period, as kvard rebuilds it\n"
     "  chart (IMAGE | DEVICE) -o FILE.png|FILE.svg [--days N]   daily use as a bar chart\n"
     "  stats [--json | --oneline] [--alert]            the published figures, the limit and its state\n"
     "\n"
-    "'tmctl COMMAND --help' tells more. Exit status: 0 done, 1 failed, 2 bad arguments.\n";
+    "'tmctl COMMAND --help' tells more; every command takes --help and --version.\n"
+    "Exit status: 0 done, 1 failed, 2 bad arguments or values, 3 settings saved but\n"
+    "not applied by kvard (config set).\n";
 
 const char kSendHelp[] =
     "usage: tmctl send CODE [--text T | --hex H] [--timeout MS]\n"
     "\n"
     "Sends one control datagram to 127.0.0.1:22724 and prints the 4-byte reply as a\n"
-    "signed decimal number. CODE is a number (decimal or 0x hex) or a name:\n"
+    "signed decimal number. CODE is a number (decimal or 0x hex) or a name, in any\n"
+    "case, with or without TM_MSG_, with - or _ (time-wake, TIME_WAKE):\n"
     "%s"
     "  --text T      body: the text T and one NUL byte (heartbeat text)\n"
     "  --hex H       body: exactly these bytes, hex pairs, blanks allowed\n"
