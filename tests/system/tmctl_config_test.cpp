@@ -2,7 +2,11 @@
 // setting with values kvard reads exactly and values it would misread, all or
 // nothing on the stored object, the update datagram and each answer kvard can
 // give to it, and the period start kvard publishes after a change of the reset.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -96,6 +100,62 @@ TEST(TmctlConfig, values_kvard_would_misread_are_refused_naming_field_value_and_
         EXPECT_TRUE(Has(r.out, "tmctl: nothing written")) << r.out;
         EXPECT_EQ(Settings(box), before) << row.args[0] << ": the store file is byte for byte as it was";
     }
+
+    // ampm_sel=true over an absent hour: kvard would reset at 00:00, not at noon.
+    StoreObject noHour = box.ReadObject("2888").value();
+    noHour.erase("hour");
+    box.WriteObject("2888", noHour);
+    const std::string withoutHour = Settings(box);
+    CommandResult r = Set(box, {"ampm_sel=true"});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(Has(r.out, "tmctl: ampm_sel: 'true' needs an hour: with no hour kvard resets at 00:00, not 12:00")) << r.out;
+    EXPECT_EQ(Settings(box), withoutHour);
+}
+
+// tmctl on the host, on the store DIR, with ENV before it; stdout and stderr together.
+CommandResult Host(const std::string &dir, const std::string &args, const std::string &env = "")
+{
+    std::string cmd = "env KVARD_MDM_DIR='" + dir + "' " + env + " '" + InstalledPrefix() + "/bin/tmctl' " + args + " 2>&1";
+    CommandResult result;
+    FILE *pipe = popen(cmd.c_str(), "r");
+    char buffer[4096];
+    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
+    int status = pipe ? pclose(pipe) : -1;
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+TEST(TmctlConfig, no_store_no_settings_object_or_a_held_lock_fail_with_exit_1_and_create_nothing)
+{
+    Sandbox box(Idle());
+    const std::string store = box.Path("var/lib/kvard/mdm"), missing = box.Path("nothing-here");
+    for (const char *args : {"config show", "config set day=2"}) {
+        CommandResult r = Host(missing, args);
+        EXPECT_EQ(r.status, 1) << args;
+        EXPECT_EQ(r.out, "tmctl: no store at " + missing + " (is KVARD_MDM_DIR right?)\n");
+    }
+    EXPECT_FALSE(box.ReadFile("nothing-here").has_value() || access(missing.c_str(), F_OK) == 0) << "not created";
+
+    // Another process holds the store lock for longer than tmctl waits.
+    int lock = open((store + "/.lock").c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_GE(lock, 0);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    const std::string before = Settings(box);
+    for (const char *args : {"config set day=2", "config show"}) {
+        CommandResult held = Host(store, args, "KVARD_MDM_LOCK_MAX_MS=200");
+        EXPECT_EQ(held.status, 1) << args << "\n" << held.out;
+        EXPECT_TRUE(Has(held.out, "tmctl: the store lock " + store + "/.lock is held by another process")) << held.out;
+    }
+    close(lock);
+    EXPECT_EQ(Settings(box), before);
+
+    box.RemoveFile("var/lib/kvard/mdm/2888");
+    for (const char *args : {"config show", "config set day=2"}) {
+        CommandResult r = Host(store, args);
+        EXPECT_EQ(r.status, 1) << args;
+        EXPECT_EQ(r.out, "tmctl: object 2888 (MDMOID_ORNA_TRAFFIC_METER) is not in the store " + store + "\n");
+    }
+    EXPECT_FALSE(box.ReadFile("var/lib/kvard/mdm/2888").has_value()) << "set does not create the settings";
 }
 
 TEST(TmctlConfig, good_values_and_aliases_are_written_in_the_form_kvard_compares_with)
