@@ -83,10 +83,12 @@ Table TableOf(const std::string &doc, const std::string &name)
     auto in = After(doc, name);
     Table t;
     std::string line;
-    if (!std::getline(in, line) || line[0] != '|') throw std::runtime_error(name + ": no table after its marker");
+    // A table inside a list item is indented.
+    auto next = [&] { return std::getline(in, line) && (line.erase(0, line.find_first_not_of(' ')), true); };
+    if (!next() || line.empty() || line[0] != '|') throw std::runtime_error(name + ": no table after its marker");
     t.header = Cells(line);
-    std::getline(in, line);  // the separator
-    while (std::getline(in, line) && !line.empty() && line[0] == '|') {
+    next();  // the separator
+    while (next() && !line.empty() && line[0] == '|') {
         t.rows.push_back(Cells(line));
         if (t.rows.back().size() != t.header.size()) throw std::runtime_error(name + ": ragged row " + line);
     }
@@ -467,6 +469,28 @@ TEST(Guide, every_published_figure_is_listed_once_in_its_form)
     std::set<std::string> published;
     for (const auto &[name, value] : figures) published.insert(name);
     EXPECT_EQ(listed, published) << "one row for each field kvard publishes";
+}
+
+TEST(Guide, the_connection_time_that_survives_a_restart_is_the_one_the_guide_says)
+{
+    Table t = TableOf(Guide(), "conntime-restart");
+    std::set<std::string> links;
+    for (const Row &r : t.rows) {
+        std::string wan = Span(r[0]);
+        SCOPED_TRACE(wan);
+        links.insert(wan);
+        ASSERT_TRUE(wan == "DHCP" || wan == "PPPoE") << "a link the box cannot bring up";
+        Sandbox box(meter::At("2024-01-15 10:00:00"));
+        Up(box, {}, wan.c_str(), {{wan == "DHCP" ? "eth0.1" : "ppp0.2", 0, 0}});
+        for (const char *clock : {"10:01:00", "10:02:00", "10:03:00", "10:04:00", "10:05:00"})
+            At(box, std::string("2024-01-15 ") + clock);
+        EXPECT_EQ(Field(box, "thismonth_conntime"), Span(r[1]));
+        box.Stop();
+        box.Start();
+        ASSERT_TRUE(box.WaitReady());
+        EXPECT_EQ(Field(box, "thismonth_conntime"), Span(r[2])) << "after the restart";
+    }
+    EXPECT_EQ(links, (std::set<std::string>{"DHCP", "PPPoE"})) << "both kinds of link";
 }
 
 // ---- Signals, replies, messages ----
