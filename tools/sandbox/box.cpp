@@ -5,8 +5,11 @@
 #include <glob.h>
 #include <poll.h>
 #include <sched.h>
+#include <spawn.h>
 #include <signal.h>
+#include <linux/nsfs.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -36,28 +39,32 @@ void SleepMs(int ms) { usleep(static_cast<useconds_t>(ms) * 1000); }
 
 std::string BoxControlPath(std::string_view name) { return std::string(kBoxControlDir) + "/" + std::string(name); }
 
+// Argument vector for exec, pointing into ARGS.
+std::vector<char *> ExecVector(const std::vector<std::string> &args) {
+    std::vector<char *> argv;
+    for (const auto &arg : args) argv.push_back(const_cast<char *>(arg.c_str()));
+    argv.push_back(nullptr);
+    return argv;
+}
+
 // Output of ARGV on stdout, stderr discarded; nullopt when it did not run or failed.
 std::optional<std::string> Capture(const std::vector<std::string> &argv) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return std::nullopt;
-    pid_t pid = fork();
-    if (pid < 0) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    std::vector<char *> args = ExecVector(argv);
+    pid_t pid = 0;
+    int error = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    if (error != 0) {
         close(fds[0]);
-        close(fds[1]);
         return std::nullopt;
     }
-    if (pid == 0) {
-        int null = open("/dev/null", O_RDWR);
-        dup2(null, 0);
-        dup2(fds[1], 1);
-        dup2(null, 2);
-        std::vector<char *> args;
-        for (const auto &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    close(fds[1]);
     std::string out;
     char buffer[4096];
     for (;;) {
@@ -149,46 +156,55 @@ bool LockHeld(const Instance &instance) {
     return held;
 }
 
-// Host pid of the process whose innermost pid is NS_PID in the pid namespace
-// of BOX_PID; 0 when there is none.
+// The pids of a process's namespaces as its status file lists them, the
+// host's first and the innermost last; empty when the process is gone.
+std::vector<long> NamespacePids(pid_t pid) {
+    std::optional<std::string> text;
+    try {
+        text = ReadFile("/proc/" + std::to_string(pid) + "/status");
+    } catch (const Error &) {
+        return {};
+    }
+    std::vector<long> pids;
+    if (!text) return pids;
+    size_t line = text->find("\nNSpid:");
+    if (line == std::string::npos) return pids;
+    std::string fields = text->substr(line + 7, text->find('\n', line + 1) - line - 7);
+    char *cursor = fields.data();
+    for (;;) {
+        char *end = nullptr;
+        long value = strtol(cursor, &end, 10);
+        if (end == cursor) break;
+        pids.push_back(value);
+        cursor = end;
+    }
+    return pids;
+}
+
+// Host pid of the process in the box whose pid inside is NS_PID; 0 when there
+// is none. The box's processes all descend from bwrap's child, whose host pid
+// bwrap reported, so only that tree is searched.
 pid_t FindHostPid(pid_t boxPid, pid_t nsPid) {
-    struct stat boxNs;
-    if (stat(("/proc/" + std::to_string(boxPid) + "/ns/pid").c_str(), &boxNs) != 0) return 0;
-    DIR *proc = opendir("/proc");
-    if (!proc) return 0;
-    pid_t found = 0;
-    while (struct dirent *entry = readdir(proc)) {
-        const char *name = entry->d_name;
-        if (!isdigit(static_cast<unsigned char>(name[0]))) continue;
-        std::optional<std::string> text;
+    std::vector<pid_t> pending = {boxPid};
+    for (size_t seen = 0; !pending.empty() && seen < 4096; ++seen) {
+        pid_t pid = pending.back();
+        pending.pop_back();
+        std::vector<long> pids = NamespacePids(pid);
+        if (pids.size() >= 2 && pids.back() == nsPid) return pid;
+        std::optional<std::string> children;
         try {
-            text = ReadFile(std::string("/proc/") + name + "/status");
+            children = ReadFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
         } catch (const Error &) {
-            continue;  // the process went away meanwhile
+            continue;  // gone meanwhile
         }
-        if (!text) continue;
-        size_t line = text->find("\nNSpid:");
-        if (line == std::string::npos) continue;
-        std::string fields = text->substr(line + 7, text->find('\n', line + 1) - line - 7);
-        std::vector<long> pids;
-        char *cursor = fields.data();
-        for (;;) {
-            char *end = nullptr;
-            long value = strtol(cursor, &end, 10);
+        const char *cursor = children ? children->c_str() : "";
+        for (char *end = nullptr;; cursor = end) {
+            long child = strtol(cursor, &end, 10);
             if (end == cursor) break;
-            pids.push_back(value);
-            cursor = end;
-        }
-        if (pids.size() < 2 || pids.back() != nsPid) continue;
-        struct stat ns;
-        if (stat((std::string("/proc/") + name + "/ns/pid").c_str(), &ns) != 0) continue;
-        if (ns.st_ino == boxNs.st_ino && ns.st_dev == boxNs.st_dev) {
-            found = static_cast<pid_t>(pids.front());
-            break;
+            pending.push_back(static_cast<pid_t>(child));
         }
     }
-    closedir(proc);
-    return found;
+    return 0;
 }
 
 bool PortBound(pid_t pid, int port) {
@@ -312,22 +328,30 @@ int Supervise(const Instance &instance, const Tree &tree, const RunOptions &opti
     // bwrap's own init outlives bwrap for a moment when the box ends; as the
     // subreaper we collect it, instead of leaving it to a pid 1 that may not.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
-    pid_t bwrap = fork();
-    if (bwrap < 0) throw Error(ErrnoText("cannot fork", "bwrap"));
-    if (bwrap == 0) {
-        // Its own process group, so that a terminal's ^C reaches only the runner.
-        setpgid(0, 0);
-        int null = open("/dev/null", O_RDONLY);
-        dup2(null, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        dup2(json[1], 3);  // dup2 clears close-on-exec on the copy
-        std::vector<char *> args;
-        for (const auto &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        dprintf(2, "kvard-sandbox: cannot run %s: %s\n", args[0], strerror(errno));
-        _exit(127);
+    // bwrap in its own process group, so that a terminal's ^C reaches only
+    // the runner; its status pipe as fd 3, where --json-status-fd names it.
+    int jsonFd = fcntl(json[1], F_DUPFD_CLOEXEC, 10);
+    if (jsonFd < 0) throw Error(ErrnoText("cannot duplicate", "the status pipe"));
+    close(json[1]);
+    json[1] = jsonFd;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, out, 1);
+    posix_spawn_file_actions_adddup2(&actions, err, 2);
+    posix_spawn_file_actions_adddup2(&actions, json[1], 3);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    std::vector<char *> bwrapArgs = ExecVector(argv);
+    pid_t bwrap = 0;
+    int spawnError = posix_spawn(&bwrap, bwrapArgs[0], &actions, &attributes, bwrapArgs.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (spawnError != 0) {
+        errno = spawnError;
+        throw Error(ErrnoText("cannot run", argv[0]));
     }
     close(json[1]);
     close(out);
@@ -414,7 +438,17 @@ int Supervise(const Instance &instance, const Tree &tree, const RunOptions &opti
         followOut.Copy();
         followErr.Copy();
     }
+    // bwrap's last status line: the exit code of the helper, when it ran.
+    for (struct pollfd pfd = {json[0], POLLIN, 0}; poll(&pfd, 1, 0) > 0;) {
+        char buffer[512];
+        ssize_t n = read(json[0], buffer, sizeof buffer);
+        if (n <= 0) break;
+        jsonText.append(buffer, static_cast<size_t>(n));
+    }
     close(json[0]);
+    std::optional<int> helperExit;
+    if (size_t key = jsonText.find("\"exit-code\":"); key != std::string::npos)
+        helperExit = static_cast<int>(strtol(jsonText.c_str() + key + 12, nullptr, 10));
     // What is left of the box dies by bwrap's --die-with-parent; reap it.
     for (auto deadline = Deadline(2); Clock::now() < deadline;) {
         pid_t pid = waitpid(-1, nullptr, WNOHANG);
@@ -428,6 +462,9 @@ int Supervise(const Instance &instance, const Tree &tree, const RunOptions &opti
         std::string text;
         if (programPid > 0) {
             text = "killed 9";
+        } else if (helperExit) {
+            text = "failed the box's helper ended with exit code " + std::to_string(*helperExit) + " (see " +
+                   instance.Stderr() + ")";
         } else {
             std::string how = WIFEXITED(wstatus) ? "exit status " + std::to_string(WEXITSTATUS(wstatus))
                                                  : SignalName(WTERMSIG(wstatus));
@@ -697,26 +734,62 @@ Status StopInstance(const Instance &instance, int signal, double timeoutSeconds)
     return ReadStatus(instance);
 }
 
+std::vector<std::string> EnterCommandLine(pid_t boxPid, const std::string &userNamespace,
+                                          const std::vector<std::string> &command) {
+    const char *path = getenv("PATH");
+    auto nsenter = FindExecutable("nsenter", path ? path : "/usr/bin:/bin");
+    if (!nsenter && PathExists("/usr/bin/nsenter")) nsenter = "/usr/bin/nsenter";
+    if (!nsenter) throw Error("nsenter not found (Debian package util-linux)");
+    std::vector<std::string> args = {*nsenter, "--target", std::to_string(boxPid)};
+    if (!userNamespace.empty()) args.insert(args.end(), {"--user=" + userNamespace, "--preserve-credentials"});
+    args.insert(args.end(), {"--net", "--"});
+    args.insert(args.end(), command.begin(), command.end());
+    return args;
+}
+
+// The user namespace that owns the box's network namespace, as an open
+// descriptor that an exec keeps; -1 when it is our own. A box started without
+// root has such a namespace, and bwrap nests a second one inside it for the
+// box's processes: joining the network needs the outer one, which no process
+// of the box is in, so it is found from the network namespace itself.
+int OwnerUserNamespace(pid_t boxPid) {
+    std::string netPath = "/proc/" + std::to_string(boxPid) + "/ns/net";
+    int net = open(netPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (net < 0) throw Error(ErrnoText("cannot open", netPath));
+    int owner = ioctl(net, NS_GET_USERNS);
+    int saved = errno;
+    close(net);
+    errno = saved;
+    if (owner < 0) throw Error(ErrnoText("cannot find the owner of", netPath));
+    struct stat ours, theirs;
+    if (stat("/proc/self/ns/user", &ours) != 0 || fstat(owner, &theirs) != 0) {
+        close(owner);
+        throw Error(ErrnoText("cannot read", "/proc/self/ns/user"));
+    }
+    if (ours.st_ino == theirs.st_ino && ours.st_dev == theirs.st_dev) {
+        close(owner);
+        return -1;
+    }
+    fcntl(owner, F_SETFD, 0);
+    return owner;
+}
+
 void ExecInNetwork(const Instance &instance, const Tree &tree, const std::vector<std::string> &command) {
     if (command.empty()) throw Error("exec: no command given");
     auto box = ReadPidRecord(instance, kRunBox);
     if (!LockHeld(instance) || !box || !PidRecordAlive(*box))
         throw Error("instance is not running: " + instance.dir);
-    std::string nsPath = "/proc/" + std::to_string(box->pid) + "/ns/net";
-    int fd = open(nsPath.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw Error(ErrnoText("cannot open", nsPath));
-    if (setns(fd, CLONE_NEWNET) != 0)
-        throw Error(ErrnoText("cannot enter the network namespace (root needed)", nsPath));
-    close(fd);
+    int owner = OwnerUserNamespace(box->pid);
+    std::vector<std::string> args =
+        EnterCommandLine(box->pid, owner < 0 ? "" : "/proc/self/fd/" + std::to_string(owner), command);
+    // nsenter looks the command up in this PATH.
     const char *path = getenv("PATH");
     std::string newPath = tree.prefix + "/bin:" + tree.prefix + "/sbin:" + (path ? path : "/usr/bin:/bin");
     setenv("PATH", newPath.c_str(), 1);
     setenv("KVARD_MDM_DIR", instance.Store().c_str(), 1);
-    std::vector<char *> args;
-    for (const auto &arg : command) args.push_back(const_cast<char *>(arg.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    fprintf(stderr, "kvard-sandbox: cannot run %s: %s\n", args[0], strerror(errno));
+    std::vector<char *> argv = ExecVector(args);
+    execv(argv[0], argv.data());
+    fprintf(stderr, "kvard-sandbox: cannot run %s: %s\n", argv[0], strerror(errno));
     _exit(127);
 }
 

@@ -71,6 +71,12 @@ Status StopInstance(const Instance &instance, int signal, double timeoutSeconds)
 // the tree's bin/ first in PATH and KVARD_MDM_DIR naming the instance's store.
 [[noreturn]] void ExecInNetwork(const Instance &instance, const Tree &tree, const std::vector<std::string> &command);
 
+// The nsenter argument vector that runs COMMAND in the network namespace of
+// the box whose pid 1 is BOX_PID; USER_NAMESPACE, unless empty, is a path to
+// the user namespace that owns that network namespace, joined first.
+std::vector<std::string> EnterCommandLine(pid_t boxPid, const std::string &userNamespace,
+                                          const std::vector<std::string> &command);
+
 // The bubblewrap argument vector for OPTIONS (exposed for --dry-run).
 std::vector<std::string> BoxCommandLine(const Instance &instance, const Tree &tree, const RunOptions &options);
 

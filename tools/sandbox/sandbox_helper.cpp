@@ -9,6 +9,7 @@
 // start with its own runtime.
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -120,42 +121,33 @@ int RunStub(const std::string &name, const std::vector<std::string> &argv) {
     return 0;  // logger and ifconfig only need to be seen
 }
 
-// Parent of the program: forks it, publishes its pid inside the box, waits,
+// Parent of the program: starts it, publishes its pid inside the box, waits,
 // and writes "exited N", "killed N" or "failed TEXT" to the status file.
 int RunInit(char **command) {
     // Signals meant for the program must not end the one who records its end.
     for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE}) signal(sig, SIG_IGN);
-    int execError[2];
-    if (pipe2(execError, O_CLOEXEC) != 0) {
-        WriteOrComplain(RunPath(sandbox::kRunStatus), std::string("failed pipe: ") + strerror(errno) + "\n");
-        return 125;
+    // The program gets the default action for every signal, none blocked,
+    // and a process group of its own; a failed exec is reported by the spawn.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t all, none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+    pid_t child = 0;
+    int error = posix_spawnp(&child, command[0], nullptr, &attributes, command, environ);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) {
+        // The name stays: the runner and the tests know an unrunnable program by it.
+        std::string text = std::string("failed cannot run ") + command[0] + ": " + strerror(error);
+        fprintf(stderr, "sandbox-helper: cannot run %s: %s\n", command[0], strerror(error));
+        WriteOrComplain(RunPath(sandbox::kRunStatus), text + "\n");
+        return 127;
     }
-    pid_t child = fork();
-    if (child < 0) {
-        WriteOrComplain(RunPath(sandbox::kRunStatus), std::string("failed fork: ") + strerror(errno) + "\n");
-        return 125;
-    }
-    if (child == 0) {
-        close(execError[0]);
-        for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        setpgid(0, 0);
-        execvp(command[0], command);
-        int error = errno;
-        if (write(execError[1], &error, sizeof error) < 0) {
-            // Nothing more can be said.
-        }
-        _exit(127);
-    }
-    close(execError[1]);
     WriteOrComplain(RunPath(sandbox::kRunNsPid), std::to_string(child) + "\n");
-    int error = 0;
-    ssize_t n;
-    while ((n = read(execError[0], &error, sizeof error)) < 0 && errno == EINTR) {
-    }
-    close(execError[0]);
     int status = 0;
     while (waitpid(child, &status, 0) < 0) {
         if (errno != EINTR) {
@@ -165,11 +157,7 @@ int RunInit(char **command) {
     }
     std::string text;
     int code;
-    if (n == static_cast<ssize_t>(sizeof error)) {
-        text = std::string("failed cannot run ") + command[0] + ": " + strerror(error);
-        fprintf(stderr, "sandbox-helper: cannot run %s: %s\n", command[0], strerror(error));
-        code = 127;
-    } else if (WIFSIGNALED(status)) {
+    if (WIFSIGNALED(status)) {
         text = "killed " + std::to_string(WTERMSIG(status));
         code = 128 + WTERMSIG(status);
     } else {
