@@ -82,6 +82,8 @@ TEST(TmctlConfig, values_kvard_would_misread_are_refused_naming_field_value_and_
          {"mark: '2000' is not below the connection-time limit", "mark: '2000' is not below the volume limit of 1000 MB"}},
         {{"warn=2x"}, {"warn: '2x' is not a size such as 5GB or a number of hours such as 2h"}},
         {{"reset=15 25:00"}, {"reset: '15 25:00' is not DAY or \"DAY HH:MM\""}},
+        {{"reset=x 10:00"}, {"day (from reset=x 10:00): 'x' is not a day of the month"}},
+        {{"warn=1GB"}, {"mark (from warn=1GB): '1000' is not below the volume limit of 1000 MB"}},
         {{"reset-time=7:3"}, {"reset-time: '7:3' is not a time HH:MM"}},
         {{"markStatus=0"}, {"markStatus: '0' is kvard's own output"}},
         {{"counter=a\nb"}, {"counter: 'a\nb' holds a control character"}},
@@ -185,7 +187,7 @@ TEST(TmctlConfig, good_values_and_aliases_are_written_in_the_form_kvard_compares
         {{"hour=11", "ampm_sel=true"}, {{"hour", "11"}, {"ampm_sel", "true"}}, ""},
         {{"hour=0"}, {{"hour", "0"}, {"ampm_sel", "true"}}, ""},   // noon
         {{"reset-time=07:05", "reset-day=31"}, {{"hour", "7"}, {"min", "5"}, {"ampm_sel", "false"}, {"day", "31"}}, ""},
-        {{"reset=1"}, {{"day", "1"}, {"hour", "7"}}, ""},
+        {{"reset=1 "}, {{"day", "1"}, {"hour", "7"}}, ""},
         {{"round_up_volume=2147483647", "counter=42 sessions"}, {{"round_up_volume", "2147483647"}, {"counter", "42 sessions"}}, ""},
         {{"day=1"}, {{"day", "1"}}, "no field changes"},
     };

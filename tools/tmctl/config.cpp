@@ -384,13 +384,15 @@ std::vector<Problem> checkObject(const Settings &s, const std::map<std::string, 
 
 struct Change {
     std::map<std::string, std::string> values;   // field -> value to write, canonical
-    std::map<std::string, std::string> given;    // field -> what the user wrote for it (NAME=VALUE)
+    std::map<std::string, std::string> given;    // field -> the value given for it
+    std::map<std::string, std::string> via;      // field -> the alias that set it, as written (reset=15 23:30)
     std::map<std::string, std::string> notes;    // field -> how an alias was read
     std::vector<Problem> problems;
 };
 
+// Sets FIELD to VALUE (canonical) for what the user gave (GIVEN), through the alias VIA if not empty.
 void assign(Change *c, const std::string &field, const std::string &value, const std::string &given,
-            const std::string &note = "")
+            const std::string &via = "", const std::string &note = "")
 {
     if (c->values.count(field)) {
         c->problems.push_back({field, given, "is a second value for " + field + " in this command (first '" +
@@ -399,6 +401,7 @@ void assign(Change *c, const std::string &field, const std::string &value, const
     }
     c->values[field] = value;
     c->given[field] = given;
+    if (!via.empty()) c->via[field] = via;
     if (!note.empty()) c->notes[field] = note;
 }
 
@@ -448,31 +451,33 @@ void takeAssignment(Change *c, const std::string &arg)
     std::string why;
     if (name == "limit") {
         if (auto mb = sizeMegabytes(value, &why))
-            return assign(c, "volume_monthly_limit", std::to_string(*mb), value, megabytesNote(value, *mb));
+            return assign(c, "volume_monthly_limit", std::to_string(*mb), std::to_string(*mb), arg, megabytesNote(value, *mb));
         if (why.rfind("is not a size", 0) == 0) why += "; to meter without a limit set contrl_type=none or volcontrl=false";
         c->problems.push_back({name, value, why});
     } else if (name == "warn") {
         std::string hours = value.size() > 1 && (value.back() == 'h' || value.back() == 'H')
                                 ? value.substr(0, value.size() - 1) : "";
         if (auto h = plainNumber(hours); h && *h <= kMaxHours)
-            return assign(c, "mark", std::to_string(*h), value, value + " = " + std::to_string(*h) + " hours");
-        if (auto mb = sizeMegabytes(value, &why)) return assign(c, "mark", std::to_string(*mb), value, megabytesNote(value, *mb));
+            return assign(c, "mark", std::to_string(*h), std::to_string(*h), arg, value + " = " + std::to_string(*h) + " hours");
+        if (auto mb = sizeMegabytes(value, &why))
+            return assign(c, "mark", std::to_string(*mb), std::to_string(*mb), arg, megabytesNote(value, *mb));
         c->problems.push_back({name, value, "is not a size such as 5GB or a number of hours such as 2h"});
     } else if (name == "time-limit") {
         std::string hours = value.size() > 1 && (value.back() == 'h' || value.back() == 'H')
                                 ? value.substr(0, value.size() - 1) : value;
         if (auto h = plainNumber(hours); h && *h <= kMaxHours)
-            return assign(c, "conntime_monthly_limit", std::to_string(*h), value);
+            return assign(c, "conntime_monthly_limit", std::to_string(*h), std::to_string(*h), arg);
         c->problems.push_back({name, value, "is not a number of hours from 0 to " + std::to_string(kMaxHours) + " such as 40h"});
     } else if (name == "reset-day") {
-        assign(c, "day", value, value);
+        assign(c, "day", value, value, arg);
     } else if (name == "reset-time" || name == "reset") {
         std::string day, time = value;
         if (name == "reset") {
             size_t blank = value.find(' ');
             day = value.substr(0, blank);
-            time = blank == std::string::npos ? "" : value.substr(value.find_first_not_of(' ', blank));
-            assign(c, "day", day, value);
+            size_t from = blank == std::string::npos ? blank : value.find_first_not_of(' ', blank);
+            time = from == std::string::npos ? "" : value.substr(from);
+            assign(c, "day", day, day, arg);
             if (time.empty()) return;
         }
         uint64_t h = 0, m = 0;
@@ -481,9 +486,9 @@ void takeAssignment(Change *c, const std::string &arg)
                                                                 : "is not a time HH:MM of the 24-hour clock"});
             return;
         }
-        assign(c, "hour", std::to_string(h), value);
-        assign(c, "min", std::to_string(m), value);
-        assign(c, "ampm_sel", "false", value, "a 24-hour time");
+        assign(c, "hour", std::to_string(h), std::to_string(h), arg);
+        assign(c, "min", std::to_string(m), std::to_string(m), arg);
+        assign(c, "ampm_sel", "false", "false", arg, "a 24-hour time");
     } else {
         c->problems.push_back({name, "", "is no setting (tmctl config --help lists them)", false, true});
     }
@@ -738,7 +743,10 @@ int set(const std::vector<std::string> &assignments, bool dryRun, bool notifyDae
     Settings old = fieldsOf(obj), next = old;
     for (const auto &[field, value] : change.values) next[field] = value;
     std::vector<Problem> problems = change.problems;
-    for (const Problem &p : checkObject(next, change.given)) problems.push_back(p);
+    for (Problem p : checkObject(next, change.given)) {
+        if (!p.stored && change.via.count(p.field)) p.field += " (from " + change.via[p.field] + ")";
+        problems.push_back(p);
+    }
     if (problems.empty() && !dryRun) {
         const CmsObjectType *type = cmsFields_find(MDMOID_ORNA_TRAFFIC_METER);
         for (const auto &[field, value] : change.values) {
