@@ -17,6 +17,7 @@
 #include "tools/sandbox/box.h"
 #include "tools/sandbox/layout.h"
 #include "tools/sandbox/paths.h"
+#include "tools/sandbox/replay.h"
 #include "tools/sandbox/timespec.h"
 #include "tools/sandbox/util.h"
 
@@ -44,6 +45,8 @@ Commands:
   time     set the fake clock
   proc     replace a fake /proc file
   netdev   replace /proc/net/dev with given byte counters
+  advance  step the clock and the WAN counters minute by minute at given rates
+  replay   step them along the rows of a CSV file
 
 Every command takes:
   -C, --dir DIR   the state directory (instead of the DIR operand)
@@ -577,6 +580,14 @@ const Command *FindCommand(const std::string &name) {
     return nullptr;
 }
 
+// Commands that parse their own command line (replay.h).
+using ExternalMain = int (*)(int argc, char **argv);
+ExternalMain ExternalCommand(const std::string &name) {
+    if (name == "advance") return AdvanceCommand;
+    if (name == "replay") return ReplayCommand;
+    return nullptr;
+}
+
 int Main(int argc, char **argv) {
     // Options before the command: --help, --version, and -C DIR for the command.
     std::vector<char *> dirArgs;
@@ -613,19 +624,27 @@ int Main(int argc, char **argv) {
             fputs(kOverview, stdout);
             return 0;
         }
-        const Command *command = FindCommand(argv[first + 1]);
+        std::string topic = argv[first + 1];
+        if (auto external = ExternalCommand(topic)) {
+            char help[] = "--help";
+            char *args[] = {argv[first + 1], help, nullptr};
+            return external(2, args);
+        }
+        const Command *command = FindCommand(topic);
         if (!command) throw UsageError(std::string("unknown command '") + argv[first + 1] + "' (see --help)");
         fputs(command->usage, stdout);
         return 0;
     }
     const Command *command = FindCommand(name);
-    if (!command) throw UsageError("unknown command '" + name + "' (see --help)");
+    auto external = ExternalCommand(name);
+    if (!command && !external) throw UsageError("unknown command '" + name + "' (see --help)");
     // The command's own argument vector: its name, then -C given before it, then the rest.
     std::vector<char *> args = {argv[first]};
     args.insert(args.end(), dirArgs.begin(), dirArgs.end());
     args.insert(args.end(), argv + first + 1, argv + argc);
     args.push_back(nullptr);
-    return command->run(*command, static_cast<int>(args.size() - 1), args.data());
+    int count = static_cast<int>(args.size() - 1);
+    return external ? external(count, args.data()) : command->run(*command, count, args.data());
 }
 
 }  // namespace
