@@ -167,6 +167,7 @@ TEST_F(TmctlCli, an_unknown_option_or_a_missing_value_is_one_line_with_exit_2_an
         {{"history", "/x", "--at"}, "tmctl: --at needs a value (try 'tmctl history --help')\n"},
         {{"chart", "/x", "-o"}, "tmctl: -o needs a value (try 'tmctl chart --help')\n"},
         {{"flash", "decode", "/x", "--page-size"}, "tmctl: flash decode: --page-size needs a value (try 'tmctl flash --help')\n"},
+        {{"flash", "--bogus"}, "tmctl: flash: unknown option --bogus (try 'tmctl flash --help')\n"},
         {{"--bogus"}, "tmctl: unknown option --bogus (try 'tmctl --help')\n"},
     };
     for (const auto &row : rows) {

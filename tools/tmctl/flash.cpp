@@ -277,6 +277,7 @@ int flashCommand(const std::vector<std::string> &args)
         return kExitOk;
     }
     if (args[0] == "--version") return printVersion();
+    if (args[0].size() > 1 && args[0][0] == '-') return usage("flash: unknown option " + args[0]);
     if (args[0] == "decode") return decode(std::vector<std::string>(args.begin() + 1, args.end()));
     return usage("flash: unknown command '" + args[0] + "'");
 }
