@@ -248,6 +248,50 @@ TEST(Guide, what_kvard_takes_from_the_settings_is_what_its_dump_prints)
     }
 }
 
+// Every combination of the three fields falls under exactly one row, and kvard takes the limit type that row names.
+TEST(Guide, the_limit_type_table_covers_every_combination_once)
+{
+    Table t = TableOf(Guide(), "limit-type");
+    const std::map<std::string, int> kinds = {{"nothing", 0}, {"bytes received", 1}, {"bytes sent plus received", 2},
+                                              {"connection time", 3}};
+    auto kindOf = [&](const std::string &words) {
+        for (const auto &[prefix, type] : kinds)
+            if (words.rfind(prefix, 0) == 0) return type;
+        throw std::runtime_error("no limit type in " + words);
+    };
+    // Whether a cell covers VALUE: a code span is that text exactly, "not" a span anything else, "any" everything,
+    // "anything else" every text but the spans of the other rows' cells of that column.
+    auto covers = [&](size_t col, const std::string &cell, const std::string &value) {
+        if (cell == "any") return true;
+        if (cell.rfind("not ", 0) == 0) return value != Span(cell);
+        if (cell.rfind("anything else", 0) == 0) {
+            for (const Row &r : t.rows)
+                if (!Spans(r[col]).empty() && r[col].find("not ") == std::string::npos && Span(r[col]) == value) return false;
+            return true;
+        }
+        return value == Span(cell);
+    };
+    Sandbox box(meter::At("2024-01-15 10:00:00"));
+    Up(box, {});
+    const StoreObject seed = *box.ReadObject("2888");
+    ASSERT_EQ(box.Send(4436, std::string("\x3e\x14\0\0\0", 5)), 1);  // debug printing on
+    for (const char *vol : {"true", "false", "TRUE"})
+        for (const char *time : {"true", "false", ""})
+            for (const char *type : {"No limit", "Download only", "", "Both", "no limit"}) {
+                SCOPED_TRACE(std::string("volcontrl=") + vol + " timecontrl=" + time + " contrl_type=" + type);
+                std::vector<int> rows;
+                for (const Row &r : t.rows)
+                    if (covers(0, r[0], vol) && covers(1, r[1], time) && covers(2, r[2], type)) rows.push_back(kindOf(r[3]));
+                ASSERT_EQ(rows.size(), 1u) << "rows that match";
+                StoreObject settings = seed;
+                settings["volcontrl"] = vol, settings["timecontrl"] = time, settings["contrl_type"] = type;
+                box.WriteObject("2888", settings);
+                ASSERT_EQ(box.Send(kConfigUpdate), 1);
+                std::string out = box.Stdout();
+                EXPECT_EQ(meter::Num(out.substr(out.rfind("TM Config:\n")), "\nLimit Type:"), rows[0]);
+            }
+}
+
 // ---- Figures ----
 
 TEST(Guide, volume_left_reads_as_the_guide_shows_it)
@@ -491,6 +535,46 @@ TEST(Guide, the_connection_time_that_survives_a_restart_is_the_one_the_guide_say
         EXPECT_EQ(Field(box, "thismonth_conntime"), Span(r[2])) << "after the restart";
     }
     EXPECT_EQ(links, (std::set<std::string>{"DHCP", "PPPoE"})) << "both kinds of link";
+}
+
+// Every tmctl command of the quick start runs in the box against the running daemon, in the order given.
+TEST(Guide, the_quick_start_commands_run_as_written)
+{
+    const std::string doc = Guide();
+    size_t from = doc.find("\n## Quick start\n"), to = doc.find("\n## ", from + 1);
+    ASSERT_NE(from, std::string::npos);
+    std::istringstream section(doc.substr(from, to - from));
+    std::vector<std::string> commands;
+    bool code = false;
+    for (std::string line, joined; std::getline(section, line);) {
+        if (line.rfind("```", 0) == 0) { code = !code; continue; }
+        if (!code) continue;
+        joined += line;
+        if (!joined.empty() && joined.back() == '\\') { joined.pop_back(); continue; }
+        if (joined.rfind("tmctl ", 0) == 0) commands.push_back(joined);
+        joined.clear();
+    }
+    ASSERT_GE(commands.size(), 4u) << "the quick start lost its commands";
+    Sandbox box(meter::At("2024-01-15 10:00:00"));
+    Up(box, {});
+    for (const std::string &command : commands) {
+        SCOPED_TRACE(command);
+        std::string comment = command.find("#") == std::string::npos ? "" : command.substr(command.find("#") + 1);
+        Argv args = Words(command.substr(0, command.find("#")));
+        args.insert(args.begin(), {"exec", box.Dir(), "--"});
+        CommandResult r = box.Runner(args);
+        EXPECT_EQ(r.status, 0) << r.out;
+        // "prints 1 when done": what the command prints.
+        if (size_t at = comment.find("prints "); at != std::string::npos) {
+            EXPECT_EQ(r.out, comment.substr(at + 7, comment.find(' ', at + 7) - at - 7) + "\n");
+        }
+    }
+    // The settings of the first command are those kvard now works with.
+    auto settings = box.ReadObject("2888");
+    ASSERT_TRUE(settings);
+    EXPECT_EQ((*settings)["contrl_type"], "Download only");
+    EXPECT_EQ((*settings)["volume_monthly_limit"], "50000");
+    EXPECT_EQ((*settings)["mark"], "5000");
 }
 
 // ---- Signals, replies, messages ----
