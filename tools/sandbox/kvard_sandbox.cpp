@@ -144,8 +144,11 @@ bool ParseArguments(const Command &command, int argc, char **argv, Parsed &parse
         case 'h': fputs(command.usage, stdout); return false;
         case 'V': printf("kvard-sandbox %s\n", KVARD_VERSION); return false;
         case ':': {
+            // As typed: "-C" or "--dir", both of which set 'C'.
             const char *name = OptionName(options, optopt);
-            std::string shown = name ? std::string("--") + name : std::string("-") + static_cast<char>(optopt);
+            bool typedLong = strncmp(argv[optind - 1], "--", 2) == 0;
+            std::string shown = name && (optopt >= 256 || typedLong) ? std::string("--") + name
+                                                                     : std::string("-") + static_cast<char>(optopt);
             throw UsageError(std::string(command.name) + ": option '" + shown + "' needs a value");
         }
         case '?': {
@@ -529,7 +532,7 @@ int CmdNetDev(const Command &command, int argc, char **argv) {
     Parsed parsed;
     if (!ParseArguments(command, argc, argv, parsed, [](int, const std::string &) {})) return 0;
     parsed.operands.insert(parsed.operands.end(), parsed.command.begin(), parsed.command.end());
-    if (parsed.operands.size() < 3) throw UsageError("netdev: give NAME RX TX for at least one interface");
+    RequireOperands(parsed, 3, "netdev", "NAME RX TX: give them for at least one interface");
     std::string dir = ResolveInstanceDir(parsed.dirOption, parsed.operands, 3, ~size_t{0}, 3);
     std::vector<NetDevLine> lines = {{"lo", 0, 0}};
     for (size_t i = 0; i + 2 < parsed.operands.size(); i += 3) {
