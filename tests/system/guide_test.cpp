@@ -577,6 +577,22 @@ TEST(Guide, the_quick_start_commands_run_as_written)
     EXPECT_EQ((*settings)["mark"], "5000");
 }
 
+// Known limits: "A datagram every 2 s, of any kind, keeps every wake from running until the sender pauses for 3 s."
+TEST(Guide, datagrams_every_2_s_keep_the_wake_from_running_until_a_3_s_pause)
+{
+    Sandbox box(meter::At("2024-01-15 10:00:00"));
+    Up(box, {});
+    const std::string started = Field(box, "current_data_time");
+    box.SetTime("2024-01-15 10:01:30");  // a minute to close, which only a wake does
+    for (auto until = Clock::now() + milliseconds(7000); Clock::now() < until;) {
+        ASSERT_EQ(box.Send(kHeartbeat), 0);
+        std::this_thread::sleep_for(milliseconds(2000));
+    }
+    EXPECT_EQ(Field(box, "current_data_time"), started) << "a wake ran";
+    EXPECT_TRUE(Eventually([&] { return Field(box, "current_data_time") == "Mon Jan 15 10:01:30 2024\n"; }))
+        << "no wake after the pause";
+}
+
 // ---- Signals, replies, messages ----
 
 TEST(Guide, each_signal_does_what_the_guide_says)
