@@ -62,8 +62,10 @@ Row Cells(const std::string &line)
         }
     }
     cells.pop_back();  // behind the last '|'
-    for (std::string &c : cells) c = c.substr(c.find_first_not_of(' ') == std::string::npos ? c.size() : c.find_first_not_of(' ')),
-                                 c.erase(c.find_last_not_of(' ') + 1);
+    for (std::string &c : cells) {
+        c.erase(0, std::min(c.find_first_not_of(' '), c.size()));
+        c.erase(c.find_last_not_of(' ') + 1);
+    }
     return cells;
 }
 
@@ -330,7 +332,7 @@ Argv Line(const Guidebook &g, const std::string &limit, const std::string &state
     return {};
 }
 
-// After the wake of STEP, with the status STATUS: markStatus, the two files and the stamped time, row by row.
+// The row of STATUS against the box after a wake at CLOCK: markStatus, the two files, the time stamped.
 void ExpectStatusRow(const Guidebook &g, const Sandbox &box, const std::string &status, const std::string &clock,
                      int32_t periodStart)
 {
