@@ -352,9 +352,14 @@ TEST(SandboxCli, exec_for_the_user_without_root_who_started_the_box) {
     EXPECT_NE(table.out.find(dir + "/var/lib/kvard/mdm\n"), std::string::npos) << table.out;
     Result heartbeat = as({"exec", dir, "--", "tmctl", "send", "TM_MSG_HEARTBEAT", "--text", "from nobody"});
     EXPECT_EQ(heartbeat.status, 0) << heartbeat.out << heartbeat.err;
-    // The host's namespace has no such socket: the command ran in the box's.
     Result status = as({"status", dir});
     EXPECT_EQ(status.status, 0) << status.out;
+    // Another user without root may not enter it.
+    Result stranger = Runner({"exec", dir, "--", "true"}, "/", {},
+                             {"/usr/bin/setpriv", "--reuid=65533", "--regid=65533", "--clear-groups"});
+    EXPECT_EQ(stranger.status, 2) << stranger.err;
+    EXPECT_NE(stranger.err.find("was started by uid 65534: only that user and root can enter it"), std::string::npos)
+        << stranger.err;
     Result missing = as({"exec", dir, "--", "/nonexistent/command"});
     EXPECT_EQ(missing.status, 127) << missing.err;
     Result stop = as({"stop", dir});

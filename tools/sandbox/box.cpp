@@ -779,6 +779,13 @@ void ExecInNetwork(const Instance &instance, const Tree &tree, const std::vector
     auto box = ReadPidRecord(instance, kRunBox);
     if (!LockHeld(instance) || !box || !PidRecordAlive(*box))
         throw Error("instance is not running: " + instance.dir);
+    // Only root and the user who started the box may enter it; say so
+    // rather than let nsenter fail on a namespace it may not join.
+    struct stat boxProc;
+    std::string boxProcPath = "/proc/" + std::to_string(box->pid);
+    if (stat(boxProcPath.c_str(), &boxProc) == 0 && geteuid() != 0 && boxProc.st_uid != geteuid())
+        throw Error("the box of " + instance.dir + " was started by uid " + std::to_string(boxProc.st_uid) +
+                    ": only that user and root can enter it");
     int owner = OwnerUserNamespace(box->pid);
     std::vector<std::string> args =
         EnterCommandLine(box->pid, owner < 0 ? "" : "/proc/self/fd/" + std::to_string(owner), command);
