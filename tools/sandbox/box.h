@@ -77,6 +77,13 @@ Status StopInstance(const Instance &instance, int signal, double timeoutSeconds)
 std::vector<std::string> EnterCommandLine(pid_t boxPid, const std::string &userNamespace,
                                           const std::vector<std::string> &command);
 
+// The user namespace that owns the network namespace of the box whose pid 1
+// is BOX_PID, as a descriptor without close-on-exec; -1 when it is this
+// process's own (a box started by root). A process that is not root joins it
+// (setns CLONE_NEWUSER, for good: there is no way back) before it can join
+// the box's network namespace. Throws when the namespaces cannot be read.
+int OwnerUserNamespace(pid_t boxPid);
+
 // The bubblewrap argument vector for OPTIONS (exposed for --dry-run).
 std::vector<std::string> BoxCommandLine(const Instance &instance, const Tree &tree, const RunOptions &options);
 
