@@ -687,7 +687,10 @@ ParsedFile ReadTrafficFile(const std::string &path, bool volumes, const Point &s
                 try {
                     row.time = ParseTimeArgument(field, zone, previous);
                 } catch (const Error &e) {
-                    throw Error(at(c) + e.what());
+                    // The forms a file takes, not those of the command line.
+                    std::string why = e.what();
+                    why = why.substr(0, why.find(": expected"));
+                    throw Error(at(c) + why + ": expected \"YYYY-MM-DD hh:mm:ss\", @EPOCH or +DURATION (such as +90s, +15m, +1h30m)");
                 }
                 if (row.time > kLastTime)
                     throw Error(at(c) + "'" + field + "' is beyond the daemon's 32-bit clock (2038-01-19 03:14:07 UTC)");
