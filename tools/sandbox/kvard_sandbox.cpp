@@ -222,6 +222,8 @@ Lays out the state directory DIR (created when missing, empty otherwise).
   --no-mtd           no flash partition
   --uptime SECONDS   /proc/uptime (default 100)
   --pids N           links /proc/1../proc/N into the box's procfs (default 1024)
+Exit status: 0 laid out, 2 a bad option or a failed write (nothing is laid out
+for a bad option).
 )USAGE";
 
 int CmdInit(const Command &command, int argc, char **argv) {
@@ -473,8 +475,10 @@ const char kTimeUsage[] = R"USAGE(usage: kvard-sandbox time [DIR] TIME
 
 Sets the fake clock. TIME is "YYYY-MM-DD hh:mm:ss" in the box's zone, now,
 @EPOCH, or +DURATION / -DURATION from the clock as it stands (such as +90s,
-+15m, -1h30m, +2d, +1w; a negative one after --, or as -- -1h). The clock
-stands still between settings.
++15m, -1h30m, +2d, +1w; real seconds, so +1h across the spring-forward gap
+shows two hours more on the wall clock). The clock stands still between
+settings.
+Exit status: 0 set, 2 a bad time or command line (the clock stays).
 )USAGE";
 
 int CmdTime(const Command &command, int argc, char **argv) {
@@ -509,6 +513,7 @@ int CmdTime(const Command &command, int argc, char **argv) {
 const char kProcUsage[] = R"USAGE(usage: kvard-sandbox proc [DIR] FILE
 
 Replaces the fake /proc/FILE (such as net/dev, uptime, mtd) with stdin.
+Exit status: 0 written, 2 a bad FILE or command line.
 )USAGE";
 
 int CmdProc(const Command &command, int argc, char **argv) {
@@ -526,6 +531,7 @@ int CmdProc(const Command &command, int argc, char **argv) {
 const char kNetDevUsage[] = R"USAGE(usage: kvard-sandbox netdev [DIR] NAME RX TX [NAME RX TX ...]
 
 Replaces /proc/net/dev with lo and the given interfaces' byte counters.
+Exit status: 0 written, 2 a bad operand or command line.
 )USAGE";
 
 int CmdNetDev(const Command &command, int argc, char **argv) {
