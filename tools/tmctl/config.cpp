@@ -130,11 +130,15 @@ std::string bytesWords(uint64_t bytes)
     double v = static_cast<double>(bytes);
     while (v >= 1000 && u < 6) v /= 1000, u++;
     char out[48];
-    if (u == 0)
+    if (u == 0) {
         snprintf(out, sizeof out, "%llu bytes", static_cast<unsigned long long>(bytes));
-    else
-        snprintf(out, sizeof out, "%.3g %s", v, units[u]);
-    return out;
+        return out;
+    }
+    snprintf(out, sizeof out, "%.2f", v);   // at most two decimals, without trailing zeros
+    std::string n = out;
+    n.erase(n.find_last_not_of('0') + 1);
+    if (n.back() == '.') n.pop_back();
+    return n + " " + units[u];
 }
 
 // "50GB", "1.5 TB", "800mb": a size in decimal units as whole megabytes. On
