@@ -329,6 +329,41 @@ TEST(SandboxCli, the_state_directory_from_the_environment_and_from_dash_C) {
     EXPECT_NE(both.err.find("unexpected operand"), std::string::npos) << both.err;
 }
 
+// The program's end as run's exit status and as status tells it, whether the
+// helper could start it or not.
+TEST(SandboxCli, run_exit_statuses_and_programs_that_cannot_start) {
+    TempDir work;
+    const std::string dir = work.Path("box");
+    Init(dir, "2024-01-15 10:00:00", "UTC");
+    std::ofstream(work.Path("plain")) << "#!/bin/sh\n";
+    std::ofstream(work.Path("garbage")) << "\x7f" "ELF garbage";
+    ASSERT_EQ(chmod(work.Path("garbage").c_str(), 0755), 0);
+    struct Row {
+        std::vector<std::string> command;
+        int status;
+        std::string described;
+    } rows[] = {
+        {{"sh", "-c", "exit 7"}, 7, "exited 7\n"},
+        {{"sh", "-c", "kill -USR1 $$"}, 128 + 10, "killed 10 (SIGUSR1)\n"},
+        {{"true"}, 0, "exited 0\n"},
+        {{"nonexistent-command"}, 125, "failed: cannot run nonexistent-command: No such file or directory\n"},
+        {{work.Path("plain")}, 125, "failed: cannot run " + work.Path("plain") + ": Permission denied\n"},
+        {{work.Path("garbage")}, 125, "failed: cannot run " + work.Path("garbage") + ": Exec format error\n"},
+    };
+    for (const auto &row : rows) {
+        std::vector<std::string> args = {"run", dir, "--quiet", "--"};
+        args.insert(args.end(), row.command.begin(), row.command.end());
+        Result run = Runner(args);
+        EXPECT_EQ(run.status, row.status) << Describe(args, run);
+        Result status = Runner({"status", "-C", dir});
+        EXPECT_EQ(status.status, 3);
+        EXPECT_EQ(status.out, row.described) << Describe(args, run);
+    }
+    Result start = Runner({"start", dir, "--", "nonexistent-command"});
+    EXPECT_EQ(start.status, 2);
+    EXPECT_NE(start.err.find("cannot run nonexistent-command"), std::string::npos) << start.err;
+}
+
 // A user without root starts a box in a directory of its own and enters its
 // network: the runner has to join the box's user namespace first.
 TEST(SandboxCli, exec_for_the_user_without_root_who_started_the_box) {
