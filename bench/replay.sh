@@ -46,8 +46,7 @@ awk -v minutes="$minutes" 'BEGIN {
 command=("$sandbox" replay "$work/box" "$work/month.csv")
 echo "replay of $minutes minutes ($(wc -l <"$work/month.csv") lines) into kvard of $prefix"
 
-# Seconds of each run, one a line.
-times=()
+times=()  # seconds of each run
 if command -v hyperfine >/dev/null; then
     hyperfine --warmup 1 --runs "$runs" --export-csv "$work/times.csv" --export-json "$work/times.json" \
         "${command[*]}"
@@ -59,7 +58,7 @@ else
         start=$(date +%s.%N)
         "${command[@]}" >/dev/null
         end=$(date +%s.%N)
-        times+=("$(echo "$end - $start" | bc -l)")
+        times+=("$(awk -v a="$start" -v b="$end" 'BEGIN { printf "%.3f", b - a }')")
     done
     sorted=$(printf '%s\n' "${times[@]}" | sort -g)
     min=$(head -1 <<<"$sorted")
