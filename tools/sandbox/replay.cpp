@@ -252,7 +252,10 @@ public:
 
     // Sends DATAGRAM and returns the reply word; WHAT names the datagram in errors.
     int32_t Ask(const std::string &datagram, const std::string &what) {
-        if (send(fd_, datagram.data(), datagram.size(), 0) < 0) Fail(what, strerror(errno));
+        ssize_t sent;
+        while ((sent = send(fd_, datagram.data(), datagram.size(), 0)) < 0 && errno == EINTR) {
+        }
+        if (sent < 0) Fail(what, errno == ECONNREFUSED ? "kvard does not listen on 127.0.0.1:22724 in the box" : strerror(errno));
         for (;;) {
             pollfd pfd = {fd_, POLLIN, 0};
             int ready = poll(&pfd, 1, timeoutMs_);
@@ -392,7 +395,12 @@ Outcome Drive(const Instance &instance, const std::string &program, const std::s
 
     // Whatever the daemon took is kept, also after a failure, so that the
     // next run goes on from there.
-    SaveState(instance, program, zone, common.interface, outcome.reached);
+    try {
+        SaveState(instance, program, zone, common.interface, outcome.reached);
+    } catch (const Error &e) {
+        // Steps were taken: this is no fault of the arguments.
+        throw BoxFailure(std::string(e.what()) + (failure.empty() ? "" : "; before that: " + failure));
+    }
     if (!failure.empty()) throw BoxFailure(failure + "; the box stands at " + FormatClock(outcome.reached.time, zone));
     int32_t published = control.Ask(Datagram(kMsgWriteStatistic), "the request to publish the figures");
     if (published != 1) throw BoxFailure("kvard did not publish the figures (reply " + std::to_string(published) + ")");
