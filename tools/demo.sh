@@ -10,7 +10,7 @@ out=${KVARD_BUILD_DIR:-$top/build}
 bash "$top/tools/install-deps.sh"
 echo "building kvard, tmctl and the box in $out/demo ..."
 cmake -S "$top" -B "$out/demo" -G Ninja -DKVARD_BENCH=OFF >/dev/null
-cmake --build "$out/demo" -j"$(nproc)" --target kvard kvard-sandbox sandbox-helper tmctl mtdsim >/dev/null
+cmake --build "$out/demo" -j"$(nproc)" --target kvard kvard-sandbox sandbox-helper tmctl mtdsim manpages >/dev/null
 prefix=$out/demo/stage
 cmake --install "$out/demo" --prefix "$prefix" >/dev/null
 box=$prefix/bin/kvard-sandbox
@@ -79,8 +79,10 @@ say "A chart of the daily use"
 offline chart "$state/sandbox/mtd.img" -o "$state/usage.png" --days 7 --at "$clock"
 
 say "A simulated month with a limit: 400 MB a month, warning 100 MB before it, WAN cut and LED flashing at the limit"
-"$box" exec "$state" -- tmctl mdm set MDMOID_ORNA_TRAFFIC_METER contrl_type=Both volume_monthly_limit=400 mark=100 block_on=true led_on=true
-"$box" exec "$state" -- tmctl send TM_MSG_CONFIG_UPDATE >/dev/null
+echo "A typo is refused and nothing is written:"
+"$box" exec "$state" -- tmctl config set limit=400GBB block_on=true || true
+echo "The settings, checked, written and put in force with one command:"
+"$box" exec "$state" -- tmctl config set contrl_type=both limit=400MB warn=100MB block_on=true led_on=true
 wake() {  # epoch, rx, tx
   "$box" time "$state" "$(TZ=Europe/Berlin date -d "@$1" '+%F %T')"
   "$box" netdev "$state" eth0.1 "$2" "$3"
