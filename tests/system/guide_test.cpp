@@ -119,6 +119,19 @@ std::vector<std::string> Spans(const std::string &cell)
     }
     return out;
 }
+
+// SEED with the cell's `name=value` spans set and its bare `name` spans removed.
+StoreObject With(StoreObject seed, const std::string &cell)
+{
+    for (const std::string &s : Spans(cell)) {
+        size_t eq = s.find('=');
+        if (eq == std::string::npos)
+            seed.erase(s);
+        else
+            seed[s.substr(0, eq)] = s.substr(eq + 1);
+    }
+    return seed;
+}
 std::string Span(const std::string &cell)
 {
     auto s = Spans(cell);
@@ -256,10 +269,7 @@ TEST(Guide, what_kvard_takes_from_the_settings_is_what_its_dump_prints)
     ASSERT_EQ(box.Send(4436, std::string("\x3e\x14\0\0\0", 5)), 1);  // debug printing on: 5182 and one more byte
     for (const Row &r : t.rows) {
         SCOPED_TRACE(r[0]);
-        StoreObject settings = seed;
-        for (const std::string &s : Spans(r[t.Col("Settings written")]))
-            s.find('=') == std::string::npos ? (void)settings.erase(s) : (void)(settings[s.substr(0, s.find('='))] = s.substr(s.find('=') + 1));
-        box.WriteObject("2888", settings);
+        box.WriteObject("2888", With(seed, r[t.Col("Settings written")]));
         ASSERT_EQ(box.Send(kConfigUpdate), 1);
         std::string out = box.Stdout();
         size_t dump = out.rfind("TM Config:\n");
@@ -325,9 +335,7 @@ TEST(Guide, volume_left_reads_as_the_guide_shows_it)
     const StoreObject seed = *box.ReadObject("2888");
     for (const Row &r : t.rows) {
         SCOPED_TRACE(r[0]);
-        StoreObject settings = seed;
-        for (const std::string &s : Spans(r[t.Col("Settings")])) settings[s.substr(0, s.find('='))] = s.substr(s.find('=') + 1);
-        box.WriteObject("2888", settings);
+        box.WriteObject("2888", With(seed, r[t.Col("Settings")]));
         ASSERT_EQ(box.Send(kConfigUpdate), 1);
         EXPECT_EQ("\"" + Field(box, "volume_left") + "\"", "\"" + Span(r[t.Col("`volume_left`")]) + "\"");
     }

@@ -99,6 +99,40 @@ bool ValidInterface(const std::string &name) {
     return !name.empty() && name.size() <= 15 && name.find_first_of(": \t\n") == std::string::npos;
 }
 
+// The options advance and replay share (-i, -T, -C, -h, -V) and getopt's complaints. Returns -1
+// when the option was taken and parsing goes on, else the exit status to end with.
+int CommonOption(int c, Common &common, const char *command, const char *usage, int argc, char **argv) {
+    switch (c) {
+    case 'i':
+        if (!ValidInterface(optarg)) return Usage(command, std::string("bad interface name '") + optarg + "'");
+        common.interface = optarg;
+        return -1;
+    case 'T': {
+        auto seconds = ParseSeconds(optarg);
+        if (!seconds) return Usage(command, std::string("bad value '") + optarg + "' of --timeout (seconds, up to 3600)");
+        common.timeout = *seconds;
+        return -1;
+    }
+    case 'C': common.dirOption = optarg; return -1;
+    case 'h': fputs(usage, stdout); return kDone;
+    case 'V': return PrintVersion();
+    case ':': return Usage(command, "option " + OptionWord(argc, argv) + " needs a value");
+    default: return Usage(command, "unknown option " + OptionWord(argc, argv));
+    }
+}
+
+// The operands after the options: the state directory (from them, -C or the environment) and the
+// one operand each command takes, named WHAT when it is missing. Returns -1 when both are had.
+int CommonOperands(Common &common, const char *command, const char *what, int argc, char **argv, std::string *dir) {
+    for (int i = optind; i < argc; ++i) common.operands.emplace_back(argv[i]);
+    try {
+        *dir = ResolveInstanceDir(common.dirOption, common.operands, 1, 1);
+    } catch (const Error &e) {
+        return Usage(command, common.operands.empty() ? std::string("missing ") + what : e.what());
+    }
+    return -1;
+}
+
 // "2M" is 2,000,000 bytes a second; "1.5k" 1,500. The suffixes are decimal,
 // as the daemon's megabyte is; the result must be a whole number of bytes.
 std::optional<uint64_t> ParseRate(const std::string &text) {
@@ -485,30 +519,12 @@ int Advance(int argc, char **argv) {
             (c == 'r' ? rxRate : txRate) = *rate;
             break;
         }
-        case 'i':
-            if (!ValidInterface(optarg)) return Usage(command, std::string("bad interface name '") + optarg + "'");
-            common.interface = optarg;
-            break;
-        case 'T': {
-            auto seconds = ParseSeconds(optarg);
-            if (!seconds) return Usage(command, std::string("bad value '") + optarg + "' of --timeout (seconds, up to 3600)");
-            common.timeout = *seconds;
-            break;
-        }
-        case 'C': common.dirOption = optarg; break;
-        case 'h': fputs(kAdvanceUsage, stdout); return kDone;
-        case 'V': return PrintVersion();
-        case ':': return Usage(command, "option " + OptionWord(argc, argv) + " needs a value");
-        default: return Usage(command, "unknown option " + OptionWord(argc, argv));
+        default:
+            if (int status = CommonOption(c, common, command, kAdvanceUsage, argc, argv); status >= 0) return status;
         }
     }
-    for (int i = optind; i < argc; ++i) common.operands.emplace_back(argv[i]);
     std::string dir;
-    try {
-        dir = ResolveInstanceDir(common.dirOption, common.operands, 1, 1);
-    } catch (const Error &e) {
-        return Usage(command, common.operands.empty() ? "missing DURATION" : e.what());
-    }
+    if (int status = CommonOperands(common, command, "DURATION", argc, argv, &dir); status >= 0) return status;
     const std::string durationText = common.operands.back();
     auto duration = ParseDuration(durationText);
     if (!duration || *duration <= 0)
@@ -771,30 +787,12 @@ int Replay(int argc, char **argv) {
         switch (c) {
         case 'v': volumes = true; break;
         case 'c': check = true; break;
-        case 'i':
-            if (!ValidInterface(optarg)) return Usage(command, std::string("bad interface name '") + optarg + "'");
-            common.interface = optarg;
-            break;
-        case 'T': {
-            auto seconds = ParseSeconds(optarg);
-            if (!seconds) return Usage(command, std::string("bad value '") + optarg + "' of --timeout (seconds, up to 3600)");
-            common.timeout = *seconds;
-            break;
-        }
-        case 'C': common.dirOption = optarg; break;
-        case 'h': fputs(kReplayUsage, stdout); return kDone;
-        case 'V': return PrintVersion();
-        case ':': return Usage(command, "option " + OptionWord(argc, argv) + " needs a value");
-        default: return Usage(command, "unknown option " + OptionWord(argc, argv));
+        default:
+            if (int status = CommonOption(c, common, command, kReplayUsage, argc, argv); status >= 0) return status;
         }
     }
-    for (int i = optind; i < argc; ++i) common.operands.emplace_back(argv[i]);
     std::string dir;
-    try {
-        dir = ResolveInstanceDir(common.dirOption, common.operands, 1, 1);
-    } catch (const Error &e) {
-        return Usage(command, common.operands.empty() ? "missing FILE" : e.what());
-    }
+    if (int status = CommonOperands(common, command, "FILE", argc, argv, &dir); status >= 0) return status;
     const std::string path = common.operands.back();
 
     return Guard(command, [&] {
