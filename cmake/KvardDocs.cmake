@@ -12,9 +12,16 @@ foreach(src ${kvard_man_sources})
     COMMAND sh -c "${SCDOC} < '${src}' > '${out}'"
     DEPENDS ${src} VERBATIM)
   list(APPEND kvard_man_pages ${out})
-  install(FILES ${out} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+  # The daemon's page goes with the daemon; the tools' pages with the tools.
+  if(section STREQUAL "8")
+    set(component daemon)
+  else()
+    set(component tools)
+  endif()
+  install(FILES ${out} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
 endforeach()
 add_custom_target(manpages ALL DEPENDS ${kvard_man_pages})
 
 file(GLOB kvard_completions CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/tools/completion/*)
-install(FILES ${kvard_completions} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES ${kvard_completions} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+        COMPONENT tools)

@@ -17,7 +17,7 @@ namespace sandbox {
 // The installed tree the runner belongs to.
 struct Tree {
     std::string prefix;
-    std::string Helper() const { return prefix + "/lib/kvard/sandbox-helper"; }
+    std::string Helper() const { return prefix + "/libexec/kvard/sandbox-helper"; }
     std::string MtdSim() const { return prefix + "/lib/kvard/libmtdsim.so"; }
     std::string DefaultProgram() const { return prefix + "/sbin/kvard"; }
 };
