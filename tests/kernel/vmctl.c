@@ -1,0 +1,205 @@
+/*
+ * vmctl: the small tool the VM's init uses to drive kvard. Linked statically,
+ * since the initramfs carries no C library of its own beyond what kvard needs.
+ *
+ *   vmctl settime EPOCH                set the system clock to EPOCH.000
+ *   vmctl sametime EPOCH               exit 1 unless the clock still reads EPOCH
+ *   vmctl step EPOCH CODE              set the clock, send datagram CODE (no body),
+ *                                      wait for the reply, print it, and fail when the
+ *                                      clock left that second before the reply came
+ *   vmctl sim EPOCH TX RX              TM_MSG_SIM_INPUT with these values, then TM_MSG_SIM_WAKE
+ *   vmctl waitport SECONDS             until 127.0.0.1:22724 is bound (from /proc/net/udp)
+ *   vmctl frames IFACE COUNT SIZE      send COUNT raw Ethernet frames of SIZE bytes on IFACE
+ *
+ * Every datagram waits at most 20 s for its reply: a wake with a flash write
+ * under emulation is slow, a lost daemon must not hang the boot.
+ */
+#define _GNU_SOURCE
+#include <arpa/inet.h>
+#include <errno.h>
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+enum { kPort = 22724, kSimInput = 7254, kSimWake = 5640 };
+
+static long long Number(const char *text)
+{
+	char *end;
+	errno = 0;
+	long long v = strtoll(text, &end, 10);
+	if (errno || end == text || *end) {
+		fprintf(stderr, "vmctl: not a number: %s\n", text);
+		exit(2);
+	}
+	return v;
+}
+
+static int SetTime(long long epoch)
+{
+	struct timespec ts = {.tv_sec = (time_t)epoch, .tv_nsec = 0};
+	if (clock_settime(CLOCK_REALTIME, &ts) != 0) {
+		perror("vmctl: clock_settime");
+		return 1;
+	}
+	return 0;
+}
+
+static void Put16(unsigned char *p, unsigned v) { p[0] = v & 0xff; p[1] = (v >> 8) & 0xff; }
+static void Put32(unsigned char *p, uint32_t v) { for (int i = 0; i < 4; ++i) p[i] = (v >> (8 * i)) & 0xff; }
+static void Put64(unsigned char *p, uint64_t v) { for (int i = 0; i < 8; ++i) p[i] = (v >> (8 * i)) & 0xff; }
+
+/* One datagram to the daemon; the reply word in *reply. 0 on success. */
+static int Send(unsigned code, const unsigned char *body, unsigned length, int32_t *reply)
+{
+	unsigned char buf[8 + 64];
+	Put16(buf, 0xA52D);
+	Put16(buf + 2, code);
+	Put16(buf + 4, length);
+	Put16(buf + 6, 0);
+	memcpy(buf + 8, body, length);
+	int fd = socket(AF_INET, SOCK_DGRAM, 0);
+	if (fd < 0) {
+		perror("vmctl: socket");
+		return 1;
+	}
+	struct timeval tv = {.tv_sec = 20};
+	setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+	struct sockaddr_in to = {.sin_family = AF_INET, .sin_port = htons(kPort)};
+	to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+	if (sendto(fd, buf, 8 + length, 0, (struct sockaddr *)&to, sizeof to) != (ssize_t)(8 + length)) {
+		perror("vmctl: sendto");
+		close(fd);
+		return 1;
+	}
+	unsigned char in[16];
+	ssize_t n = recv(fd, in, sizeof in, 0);
+	close(fd);
+	if (n != 4) {
+		fprintf(stderr, "vmctl: no reply to code %u\n", code);
+		return 1;
+	}
+	*reply = (int32_t)((uint32_t)in[0] | (uint32_t)in[1] << 8 | (uint32_t)in[2] << 16 | (uint32_t)in[3] << 24);
+	return 0;
+}
+
+static int SameTime(long long epoch)
+{
+	time_t now = time(NULL);
+	if ((long long)now != epoch) {
+		fprintf(stderr, "vmctl: the clock moved on to %lld while the step at %lld ran\n",
+			(long long)now, epoch);
+		return 1;
+	}
+	return 0;
+}
+
+static int Step(long long epoch, unsigned code)
+{
+	int32_t reply;
+	if (SetTime(epoch) || Send(code, NULL, 0, &reply))
+		return 1;
+	printf("%d\n", reply);
+	return SameTime(epoch);
+}
+
+static int Sim(long long epoch, unsigned long long tx, unsigned long long rx)
+{
+	unsigned char body[28] = {0};
+	Put32(body, (uint32_t)epoch);
+	Put64(body + 8, tx);
+	Put64(body + 16, rx);
+	Put32(body + 24, 1); /* no printed line for each input */
+	int32_t reply;
+	if (Send(kSimInput, body, sizeof body, &reply) || reply != 1) {
+		fprintf(stderr, "vmctl: simulated input refused\n");
+		return 1;
+	}
+	if (Send(kSimWake, NULL, 0, &reply))
+		return 1;
+	printf("%d\n", reply);
+	return 0;
+}
+
+static int PortBound(void)
+{
+	FILE *f = fopen("/proc/net/udp", "r");
+	if (!f)
+		return 0;
+	char line[256];
+	int found = 0;
+	while (fgets(line, sizeof line, f))
+		if (strstr(line, ":58C4 "))
+			found = 1;
+	fclose(f);
+	return found;
+}
+
+static int WaitPort(long long seconds)
+{
+	for (long long i = 0; i < seconds * 20; ++i) {
+		if (PortBound())
+			return 0;
+		usleep(50000);
+	}
+	fprintf(stderr, "vmctl: port %d not bound after %lld s\n", kPort, seconds);
+	return 1;
+}
+
+static int Frames(const char *iface, long long count, long long size)
+{
+	if (size < ETH_ZLEN - 4 || size > ETH_FRAME_LEN) {
+		fprintf(stderr, "vmctl: frame size %lld outside %d..%d\n", size, ETH_ZLEN - 4, ETH_FRAME_LEN);
+		return 2;
+	}
+	int fd = socket(AF_PACKET, SOCK_RAW, 0);
+	if (fd < 0) {
+		perror("vmctl: packet socket");
+		return 1;
+	}
+	struct sockaddr_ll to = {.sll_family = AF_PACKET, .sll_ifindex = (int)if_nametoindex(iface), .sll_halen = ETH_ALEN};
+	if (!to.sll_ifindex) {
+		fprintf(stderr, "vmctl: no interface %s\n", iface);
+		close(fd);
+		return 1;
+	}
+	/* A locally administered unicast to nobody, with the local experimental
+	 * ethertype: no protocol of the VM answers it, so the counters move by
+	 * exactly these frames. */
+	unsigned char frame[ETH_FRAME_LEN] = {0x02, 0, 0, 0, 0, 0x01, 0x02, 0, 0, 0, 0, 0x02, 0x88, 0xb5};
+	memcpy(to.sll_addr, frame, ETH_ALEN);
+	for (long long i = 0; i < count; ++i)
+		if (sendto(fd, frame, (size_t)size, 0, (struct sockaddr *)&to, sizeof to) != size) {
+			perror("vmctl: sending a frame");
+			close(fd);
+			return 1;
+		}
+	close(fd);
+	return 0;
+}
+
+int main(int argc, char **argv)
+{
+	if (argc == 3 && !strcmp(argv[1], "settime"))
+		return SetTime(Number(argv[2]));
+	if (argc == 3 && !strcmp(argv[1], "sametime"))
+		return SameTime(Number(argv[2]));
+	if (argc == 4 && !strcmp(argv[1], "step"))
+		return Step(Number(argv[2]), (unsigned)Number(argv[3]));
+	if (argc == 5 && !strcmp(argv[1], "sim"))
+		return Sim(Number(argv[2]), (unsigned long long)Number(argv[3]), (unsigned long long)Number(argv[4]));
+	if (argc == 3 && !strcmp(argv[1], "waitport"))
+		return WaitPort(Number(argv[2]));
+	if (argc == 5 && !strcmp(argv[1], "frames"))
+		return Frames(argv[2], Number(argv[3]), Number(argv[4]));
+	fprintf(stderr, "usage: vmctl settime|sametime|step|sim|waitport|frames ...\n");
+	return 2;
+}
