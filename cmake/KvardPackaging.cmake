@@ -70,4 +70,22 @@ else()
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 endif()
 
+# Files under /etc are the administrator's once installed, and dpkg keeps an
+# administrator's changes across upgrades only for conffiles: every file the
+# daemon's package puts under /etc (the start scripts' settings) is listed as
+# one. The list is made from what cpack staged, just before it packs.
+set(kvard_conffiles ${CMAKE_BINARY_DIR}/cpack/daemon/conffiles)
+file(WRITE ${CMAKE_BINARY_DIR}/cpack/conffiles.cmake "
+set(staged \"\${CPACK_TEMPORARY_DIRECTORY}/daemon\")
+file(GLOB_RECURSE etc LIST_DIRECTORIES false RELATIVE \"\${staged}\" \"\${staged}/etc/*\")
+list(SORT etc)
+set(text \"\")
+foreach(f IN LISTS etc)
+  string(APPEND text \"/\${f}\\n\")
+endforeach()
+file(WRITE \"${kvard_conffiles}\" \"\${text}\")
+")
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_BINARY_DIR}/cpack/conffiles.cmake)
+set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA ${kvard_conffiles})
+
 include(CPack)

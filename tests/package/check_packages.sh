@@ -47,6 +47,10 @@ else
     has "$list" /usr/sbin/kvard /usr/share/man/man8/kvard.8 /usr/share/doc/kvard/README.md \
         /usr/share/doc/kvard/protocol.md /usr/share/doc/kvard/store.md
     lacks "$list" '^/usr/(bin|libexec|lib/kvard)/|/man1/|bash-completion'
+    # An administrator's changes under /etc survive upgrades only in conffiles.
+    etc=$(grep '^/etc/' <<<"$list")
+    conffiles=$(dpkg-deb --ctrl-tarfile "$deb" | tar -xOf - ./conffiles 2>/dev/null | sort)
+    [ "$conffiles" = "$etc" ] || fail "$deb: conffiles '$(tr '\n' ' ' <<<"$conffiles")', files in /etc '$(tr '\n' ' ' <<<"$etc")'"
     dir=$(mktemp -d)
     dpkg-deb --extract "$deb" "$dir"
     needed=$(elf_check "$dir/usr/sbin/kvard")
