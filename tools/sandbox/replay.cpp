@@ -137,11 +137,14 @@ int CommonOperands(Common &common, const char *command, const char *what, int ar
 // as the daemon's megabyte is; the result must be a whole number of bytes.
 std::optional<uint64_t> ParseRate(const std::string &text) {
     size_t pos = 0;
-    unsigned __int128 whole = 0, fraction = 0, fractionScale = 1;
+    // 64 bits throughout, with the overflow checked: the 32-bit target has no 128-bit integer.
+    uint64_t whole = 0, fraction = 0, fractionScale = 1;
     size_t digits = 0;
     while (pos < text.size() && isdigit(static_cast<unsigned char>(text[pos]))) {
-        whole = whole * 10 + static_cast<unsigned>(text[pos++] - '0');
-        if (++digits > 19) return std::nullopt;
+        if (__builtin_mul_overflow(whole, 10u, &whole) ||
+            __builtin_add_overflow(whole, static_cast<unsigned>(text[pos++] - '0'), &whole))
+            return std::nullopt;
+        ++digits;
     }
     if (digits == 0) return std::nullopt;
     if (pos < text.size() && text[pos] == '.') {
@@ -154,7 +157,7 @@ std::optional<uint64_t> ParseRate(const std::string &text) {
         }
         if (fractionDigits == 0) return std::nullopt;
     }
-    unsigned __int128 unit = 1;
+    uint64_t unit = 1;
     if (pos < text.size()) {
         switch (text[pos++]) {
         case 'k': unit = 1000; break;
@@ -165,9 +168,10 @@ std::optional<uint64_t> ParseRate(const std::string &text) {
     }
     if (pos != text.size()) return std::nullopt;
     if (fraction * unit % fractionScale != 0) return std::nullopt;
-    unsigned __int128 value = whole * unit + fraction * unit / fractionScale;
-    if (value > UINT64_MAX) return std::nullopt;
-    return static_cast<uint64_t>(value);
+    uint64_t value;  // the fraction has at most 9 digits and the unit at most 10^9: its product fits
+    if (__builtin_mul_overflow(whole, unit, &value) || __builtin_add_overflow(value, fraction * unit / fractionScale, &value))
+        return std::nullopt;
+    return value;
 }
 
 // ------------------------------------------------------------ the box's side
@@ -352,9 +356,12 @@ std::string SimInput(const Point &point) {
 // The counters on the line from A to B at time T (A.time < T <= B.time),
 // rounded down, so that the minutes of a stretch add up to its whole volume.
 Point Between(const Point &a, const Point &b, int64_t t) {
+    // (to - from) * part / span, rounded down, in 64 bits: with part < span, both below 2^32 (the
+    // daemon's clock is 32-bit), the quotient's whole spans and the remainder's share cannot overflow.
+    const uint64_t part = static_cast<uint64_t>(t - a.time), span = static_cast<uint64_t>(b.time - a.time);
     auto along = [&](uint64_t from, uint64_t to) {
-        unsigned __int128 moved = static_cast<unsigned __int128>(to - from) * static_cast<uint64_t>(t - a.time);
-        return from + static_cast<uint64_t>(moved / static_cast<uint64_t>(b.time - a.time));
+        uint64_t moved = to - from;
+        return from + moved / span * part + moved % span * part / span;
     };
     return {t, along(a.tx, b.tx), along(a.rx, b.rx)};
 }
@@ -541,10 +548,10 @@ int Advance(int argc, char **argv) {
             throw Error("advancing " + durationText + " from " + FormatClock(start.time, zone) +
                         " goes beyond the daemon's 32-bit clock (2038-01-19 03:14:07 UTC)");
         auto grow = [&](uint64_t from, uint64_t rate, const char *name) {
-            unsigned __int128 to = static_cast<unsigned __int128>(rate) * static_cast<uint64_t>(*duration) + from;
-            if (to > UINT64_MAX)
+            uint64_t to;
+            if (__builtin_mul_overflow(rate, static_cast<uint64_t>(*duration), &to) || __builtin_add_overflow(to, from, &to))
                 throw Error(std::string("the ") + name + " counter would pass 2^64-1 within " + durationText);
-            return static_cast<uint64_t>(to);
+            return to;
         };
         end.tx = grow(start.tx, txRate, "tx");
         end.rx = grow(start.rx, rxRate, "rx");
@@ -741,20 +748,21 @@ ParsedFile ReadTrafficFile(const std::string &path, bool volumes, const Point &s
             if (columns[c].kind == Column::kTime) continue;
             bool isRx = columns[c].kind == Column::kRx;
             uint64_t value = isRx ? *rx : *tx, was = isRx ? before.rx : before.tx;
-            unsigned __int128 counter;
+            uint64_t counter;
+            bool overflow;
             if (volumes) {
-                counter = static_cast<unsigned __int128>(was) + value;
+                overflow = __builtin_add_overflow(was, value, &counter);
             } else {
                 uint64_t first = parsed.rows == 0 ? value : (isRx ? base.rx : base.tx);
                 uint64_t last = parsed.rows == 0 ? value : (isRx ? lastRx : lastTx);
                 if (value < last)
                     throw Error(at(c) + "counter '" + fields[c] + "' is below line " + std::to_string(lastLine) + "'s " +
                                 std::to_string(last) + ": counters never go down (for volumes per row use --volumes)");
-                counter = static_cast<unsigned __int128>(isRx ? start.rx : start.tx) + (value - first);
+                overflow = __builtin_add_overflow(isRx ? start.rx : start.tx, value - first, &counter);
             }
-            if (counter > UINT64_MAX)
+            if (overflow)
                 throw Error(at(c) + "'" + fields[c] + "' takes the box's " + columns[c].name + " counter past 2^64-1");
-            (isRx ? row.rx : row.tx) = static_cast<uint64_t>(counter);
+            (isRx ? row.rx : row.tx) = counter;
         }
         if (row.time == before.time && (row.rx != before.rx || row.tx != before.tx))
             throw Error(name + ":" + std::to_string(number) + ": column 1 (time): '" + timeText +
