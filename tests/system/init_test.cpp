@@ -180,6 +180,29 @@ TEST(InitScript, start_kill_restart_and_stop) {
     EXPECT_EQ(r.Script("stop").status, 0) << "stopping what is not running is no error";
 }
 
+// Deaths in quick succession wait ever longer; a long run, by the uptime, brings the first delay back.
+TEST(InitScript, back_off_doubles_and_a_long_run_resets_it) {
+    Router r;
+    r.Start();
+    ASSERT_EQ(r.Script("start").status, 0);
+    struct { double uptime; const char *line; } rows[] = {
+        {100, "kvard was killed by signal 9 after 0 s; restarting in 1 s\n"},
+        {100, "kvard was killed by signal 9 after 0 s; restarting in 2 s\n"},
+        {1000, "kvard was killed by signal 9 after 900 s; restarting in 1 s\n"},
+    };
+    size_t starts = 1;
+    for (const auto &row : rows) {
+        ASSERT_TRUE(r.WaitOutput("started kvard, pid", starts));
+        r.Box().SetUptime(row.uptime);
+        EXPECT_EQ(r.Run("kill -9 " + r.KvardPid()).status, 0);
+        EXPECT_TRUE(r.WaitOutput(row.line)) << row.line;
+        ++starts;
+    }
+    EXPECT_TRUE(r.WaitOutput("started kvard, pid", starts));
+    EXPECT_TRUE(r.Answers());
+    EXPECT_EQ(r.Script("stop").status, 0);
+}
+
 // What kvard's exit status makes the supervisor do; kvard exits at once in every row.
 TEST(InitScript, status_0_ends_the_loop_status_1_is_restarted_ever_later) {
     struct Row {
