@@ -54,14 +54,21 @@ le() {  # VALUE BYTES: little-endian hex
 sb init "$box" --time "@1700000000" --tz "$TZ" --mtd-size $((48 * 131072)) >/dev/null
 # The chip blocks 8 and 44 of the VM are blocks 0 and 36 of its partition.
 env=(--env MTDSIM_BADBLOCKS=0,36)
+store=$box/var/lib/kvard/mdm
 tx=0 rx=0
 expected_counters=()
 while read -r verb a b c _; do
 	case $verb in
 	'' | '#'*) continue ;;
 	start)
+		echo "wanType=None" >"$store/1400"
 		sb time "$box" "@$a" >/dev/null
 		sb start "$box" --wait "${env[@]}" >/dev/null
+		;;
+	link)
+		echo "wanType=DHCP" >"$store/.1400.new" && mv "$store/.1400.new" "$store/1400"
+		sb time "$box" "@$a" >/dev/null
+		send TM_MSG_LINK_UPDATE
 		;;
 	traffic)
 		tx=$((tx + a * c)) rx=$((rx + b * c))
@@ -77,10 +84,10 @@ while read -r verb a b c _; do
 		send TM_MSG_SIM_WAKE
 		;;
 	kill)
-		cp "$box/var/lib/kvard/mdm/2889" "$work/box-2889.before"
+		cp "$store/2889" "$work/box-2889.before"
 		sb time "$box" "@$a" >/dev/null
-		sb signal "$box" KILL
-		for _ in $(seq 100); do sb status "$box" >/dev/null || break; sleep 0.1; done
+		# SIGKILL to kvard; stop returns once the whole box has ended, so that it can start again.
+		sb stop "$box" KILL >/dev/null
 		cp "$box/stdout" "$work/box-stdout.1"
 		sb start "$box" --wait "${env[@]}" >/dev/null
 		;;
@@ -100,7 +107,7 @@ want=$(printf '%s\n' "${expected_counters[@]}")
 [ "$got" = "$want" ] || fail "WAN counters in the VM: got [$got], want [$want]"
 
 # The published object, field by field.
-diff -u "$box/var/lib/kvard/mdm/2889" "$vmout/2889" >"$work/2889.diff" ||
+diff -u "$store/2889" "$vmout/2889" >"$work/2889.diff" ||
 	{ cat "$work/2889.diff"; fail "published statistics differ (sandbox, VM)"; }
 grep -q '^thismonth_total=[1-9]' "$vmout/2889" || fail "the VM published no month total"
 

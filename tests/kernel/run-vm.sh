@@ -35,38 +35,43 @@ amd64)
 	# KVM where it is usable; a host whose KVM cannot run the guest gets TCG (see boot() below).
 	[ -w /dev/kvm ] && accels=(kvm tcg)
 	console=ttyS0 bus_modules=(virtio_pci)
+	share_dev=(-device virtio-9p-pci,fsdev=results,mount_tag=results)
 	;;
 armhf)
 	image_meta=linux-image-armmp headers_meta=linux-headers-armmp pkgarch=armhf
 	kmake=(ARCH=arm CROSS_COMPILE=arm-linux-gnueabihf-) triplet=arm-linux-gnueabihf sysroot=/usr/arm-linux-gnueabihf
 	qemu=(qemu-system-arm -M virt -cpu cortex-a15 -m 256)
 	accels=(tcg)
-	console=ttyAMA0 bus_modules=(virtio_mmio virtio_pci)
+	console=ttyAMA0 bus_modules=(virtio_mmio)
+	# The virt board's virtio-mmio slots need no PCI host driver.
+	share_dev=(-device virtio-9p-device,fsdev=results,mount_tag=results)
 	;;
 *) echo "run-vm.sh: unknown ARCH $arch" >&2; exit 2 ;;
 esac
 
 die() { echo "run-vm.sh: $*" >&2; exit 1; }
 # The concrete package a metapackage names ("linux-image-amd64" -> "linux-image-6.1.0-56-amd64").
-depends_of() { apt-cache depends "$1" 2>/dev/null | awk '/^  (PreDepends|Depends):/ {print $2}'; }
-fetch() {  # PACKAGE[:ARCH]: download into the cache unless there, print the .deb
-	local name=${1%%:*} deb
-	deb=$(ls "$cache/${name}_"*.deb 2>/dev/null | head -n 1 || true)
+depends_of() { apt-cache depends "$1" 2>/dev/null | awk '/^  (PreDepends|Depends):/ {print $2}' | tr -d '<>'; }
+version_of() { apt-cache show --no-all-versions "$1" 2>/dev/null | sed -n 's/^Version: //p' | head -n 1; }
+fetch() {  # PACKAGE:ARCH [VERSION]: download into the cache unless there, print the .deb
+	local name=${1%%:*} arch=${1#*:} ver=${2:-} pkg=$1 deb
+	[ "$arch" = all ] && pkg=$name
+	[ -n "$ver" ] || ver=$(version_of "$pkg")
+	deb=$(ls "$cache/${name}_${ver/:/%3a}_${arch}.deb" 2>/dev/null || true)
 	if [ -z "$deb" ]; then
 		# Package lists older than the archive name versions that are gone: fetch them anew once.
-		(cd "$cache" && apt-get download -q=2 -o APT::Sandbox::User=root "$1") >&2 ||
-			{ apt-get update -qq && (cd "$cache" && apt-get download -q=2 -o APT::Sandbox::User=root "$1") >&2; } ||
-			die "apt-get download $1"
-		deb=$(ls "$cache/${name}_"*.deb | head -n 1)
+		(cd "$cache" && apt-get download -q=2 -o APT::Sandbox::User=root "$pkg=$ver") >&2 ||
+			{ apt-get update -qq && (cd "$cache" && apt-get download -q=2 -o APT::Sandbox::User=root "$pkg=$ver") >&2; } ||
+			die "apt-get download $pkg=$ver"
+		deb=$(ls "$cache/${name}_${ver/:/%3a}_${arch}.deb")
 	fi
 	echo "$deb"
 }
 
-kimage=$(depends_of "$image_meta:$pkgarch" | grep '^linux-image-' | head -n 1)
-kheaders=$(depends_of "$headers_meta:$pkgarch" | grep '^linux-headers-' | head -n 1)
+kimage=$(depends_of "$image_meta:$pkgarch" | grep '^linux-image-' | head -n 1 | cut -d: -f1)
+kheaders=$(depends_of "$headers_meta:$pkgarch" | grep '^linux-headers-' | head -n 1 | cut -d: -f1)
 [ -n "$kimage" ] && [ -n "$kheaders" ] || die "apt knows no $image_meta/$headers_meta for $pkgarch (apt-get update?)"
 kver=${kimage#linux-image-}
-kver=${kver%:*}
 hcommon=$(depends_of "$kheaders:$pkgarch" | grep -- '-common' | head -n 1)
 kbuild=$(depends_of "$kheaders:$pkgarch" | grep '^linux-kbuild-' | head -n 1)
 
@@ -74,10 +79,11 @@ root=$cache/root-$kver
 if [ ! -e "$root/.complete" ]; then
 	rm -rf "$root"
 	mkdir -p "$root"
-	# The host tools of kbuild are always the build machine's (amd64).
-	for p in "$kimage:$pkgarch" "$kheaders:$pkgarch" "${hcommon%:*}" "${kbuild%:*}:amd64" "busybox-static:$pkgarch"; do
+	for p in "$kimage:$pkgarch" "$kheaders:$pkgarch" "${hcommon%:*}:all" "busybox-static:$pkgarch"; do
 		dpkg-deb -x "$(fetch "$p")" "$root"
 	done
+	# The host tools of kbuild are always the build machine's (amd64), of the headers' own version.
+	dpkg-deb -x "$(fetch "${kbuild%:*}:amd64" "$(version_of "$kheaders:$pkgarch")")" "$root"
 	# The headers' Makefile includes the common part by its installed path.
 	sed -i "s#^include /usr/src/#include $root/usr/src/#" "$root/usr/src/linux-headers-$kver/Makefile"
 	depmod -b "$root" "$kver"
@@ -154,10 +160,11 @@ done
 cp "$out/tmpart/tmpart.ko" "$ir/lib/modules/"
 echo "tmpart.ko master=0 offset=$tm_offset size=$tm_size" >>"$ir/etc/kvard-vm/modules"
 
-# The data-model store of a router in router mode with a DHCP WAN on eth0.
+# The data-model store of a router in router mode whose WAN port is eth0; the
+# scenario's link step makes it a DHCP WAN.
 s=$ir/etc/kvard-vm/store
 echo "operationMode=RT" >"$s/2700"
-echo "wanType=DHCP" >"$s/1400"
+echo "wanType=None" >"$s/1400"
 printf 'ifName=eth0\nisUpstream=1\n' >"$s/1152.1"
 printf 'ifName=eth1\nisUpstream=0\n' >"$s/1152.2"
 echo "status=Synchronized" >"$s/1045"
@@ -181,7 +188,7 @@ boot() {  # ACCEL
 	timeout 600 "${qemu[@]}" -accel "$1" -smp 1 -nographic -no-reboot -nic none \
 		-kernel "$root/boot/vmlinuz-$kver" -initrd "$out/initramfs.cpio" \
 		-append "console=$console panic=-1 ipv6.disable=1" \
-		-virtfs "local,path=$share,mount_tag=results,security_model=none" \
+		-fsdev "local,id=results,path=$share,security_model=none" "${share_dev[@]}" \
 		</dev/null >"$out/console.log" 2>&1 &
 	pid=$!
 	if [ "$1" = kvm ]; then
