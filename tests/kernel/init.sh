@@ -129,4 +129,7 @@ done </etc/kvard-vm/scenario
 cp $store/2889 $out/2889
 # The partition as the driver reads it back.
 dd if=/dev/$dev of=$out/tm.img bs=131072 2>>$out/log || fail "reading /dev/$dev"
+# How the driver answers, on the chip's blocks behind the partition (see settings).
+chip=$(awk -F: '/"NAND simulator partition 0"/ {print $1}' /proc/mtd)
+vmctl probe /dev/$chip $probe_good $probe_bad >$out/driver 2>&1 || fail "probing /dev/$chip"
 finish ok

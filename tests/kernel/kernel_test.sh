@@ -129,6 +129,10 @@ awk -F, 'NR > 1 && ($2 < 64 || ($2 >= 2304 && $2 < 2368)) {exit 1}' "$work/vm-re
 grep -q '^minute,64,' "$work/vm-records.csv" || fail "no minute record right behind the bad block"
 grep -q '^half-day,2368,' "$work/vm-records.csv" || fail "no half-day record right behind the bad block"
 
+# The driver's answers, as docs/mtdsim.md tells them ("The real kernel's NAND").
+diff -u "$here/driver-answers" "$vmout/driver" >"$work/driver.diff" ||
+	{ cat "$work/driver.diff"; fail "the MTD driver answered otherwise than documented"; }
+
 # The daemon said the same in both places, apart from the supervisor's lines.
 grep -v '^kvard supervisor:' "$vmout/kvard.out" >"$work/vm-stdout"
 cat "$work/box-stdout.1" "$work/box-stdout.2" >"$work/box-stdout"

@@ -22,7 +22,8 @@ cache=$(cd "$cache" && pwd)
 # The chip: 2048-byte pages and 128 KiB blocks, 2^6 = 64 blocks (8 MiB).
 # The "tm" partition takes chip blocks 8 to 55; chip blocks 8 and 44 are bad,
 # so the first block of each ring is bad and the daemon has to walk over it.
-nand_params="id_bytes=0x20,0xf1,0x00,0x15 overridesize=6 badblocks=8,44"
+# Blocks 56 and 57 (good) and 60 (bad) are where the driver's answers are probed.
+nand_params="id_bytes=0x20,0xf1,0x00,0x15 overridesize=6 badblocks=8,44,60"
 tm_offset=$((8 * 131072)) tm_size=$((48 * 131072))
 zone=Europe/Berlin
 
@@ -172,7 +173,7 @@ printf '%s\n' traffic_on=true volcontrl=true "contrl_type=No limit" volume_month
 	timecontrl=false conntime_monthly_limit=0 day=1 hour=0 min=0 ampm_sel=false counter=0 mark=0 led_on=false \
 	block_on=false markStatus=0 >"$s/2888"
 : >"$s/2889"
-echo "TZ=$zone" >"$ir/etc/kvard-vm/settings"
+printf 'TZ=%s\nprobe_good=56\nprobe_bad=60\n' "$zone" >"$ir/etc/kvard-vm/settings"
 cp "$scenario" "$ir/etc/kvard-vm/scenario"
 
 (cd "$ir" && find . | LC_ALL=C sort | cpio -o -H newc --quiet) >"$out/initramfs.cpio"

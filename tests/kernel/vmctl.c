@@ -10,6 +10,9 @@
  *   vmctl sim EPOCH TX RX              TM_MSG_SIM_INPUT with these values, then TM_MSG_SIM_WAKE
  *   vmctl waitport SECONDS             until 127.0.0.1:22724 is bound (from /proc/net/udp)
  *   vmctl frames IFACE COUNT SIZE      send COUNT raw Ethernet frames of SIZE bytes on IFACE
+ *   vmctl probe DEVICE GOOD BAD        how the MTD driver answers kvard's requests and some
+ *                                      misuse, on erase blocks GOOD and GOOD+1 (erased and
+ *                                      programmed here) and the bad block BAD: one line each
  *
  * Every datagram waits at most 20 s for its reply: a wake with a flash write
  * under emulation is slow, a lost daemon must not hang the boot.
@@ -17,13 +20,16 @@
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/if_packet.h>
+#include <mtd/mtd-user.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <time.h>
@@ -189,6 +195,73 @@ static int Frames(const char *iface, long long count, long long size)
 	return 0;
 }
 
+static const char *Outcome(long long r)
+{
+	return r < 0 ? strerrorname_np(errno) : "ok";
+}
+
+static long long WriteAt(int fd, long long offset, const unsigned char *data, size_t length)
+{
+	if (lseek(fd, offset, SEEK_SET) != offset)
+		return -1;
+	return write(fd, data, length);
+}
+
+static int Probe(const char *device, long long good, long long bad)
+{
+	int fd = open(device, O_RDWR);
+	if (fd < 0) {
+		perror(device);
+		return 1;
+	}
+	struct mtd_info_user info;
+	if (ioctl(fd, MEMGETINFO, &info) != 0) {
+		perror("vmctl: MEMGETINFO");
+		return 1;
+	}
+	printf("info type=%u writesize=%u erasesize=%u oobsize=%u\n", info.type, info.writesize, info.erasesize,
+	       info.oobsize);
+	long long block = info.erasesize, page = info.writesize, at = good * block;
+	loff_t where = bad * block;
+	printf("getbad-bad %d\n", ioctl(fd, MEMGETBADBLOCK, &where));
+	where = info.size;
+	int r = ioctl(fd, MEMGETBADBLOCK, &where);
+	printf("getbad-past %s\n", r < 0 ? strerrorname_np(errno) : "ok");
+	struct erase_info_user erase = {.start = (uint32_t)(bad * block), .length = (uint32_t)block};
+	printf("erase-bad %s\n", Outcome(ioctl(fd, MEMERASE, &erase)));
+	erase = (struct erase_info_user){.start = (uint32_t)(at + page), .length = (uint32_t)block};
+	printf("erase-unaligned %s\n", Outcome(ioctl(fd, MEMERASE, &erase)));
+	erase = (struct erase_info_user){.start = (uint32_t)at, .length = (uint32_t)(2 * block)};
+	printf("erase-two %s\n", Outcome(ioctl(fd, MEMERASE, &erase)));
+
+	unsigned char *buf = malloc((size_t)page), *back = malloc((size_t)page);
+	if (!buf || !back)
+		return 1;
+	long long n = pread(fd, back, (size_t)page, at);
+	int erased = n == page;
+	for (long long i = 0; erased && i < page; ++i)
+		erased = back[i] == 0xff;
+	printf("read-erased %s\n", erased ? "ff" : "not-ff");
+	memset(buf, 0xf0, (size_t)page);
+	printf("program %s\n", Outcome(WriteAt(fd, at, buf, (size_t)page)));
+	memset(buf, 0x3c, (size_t)page);
+	printf("program-again %s\n", Outcome(WriteAt(fd, at, buf, (size_t)page)));
+	n = pread(fd, back, (size_t)page, at);
+	printf("program-again-reads %02x\n", n == page ? back[0] : 0xffu);
+	memset(buf, 0x11, (size_t)page);
+	printf("program-512 %s\n", Outcome(WriteAt(fd, at + page, buf, 512)));
+	n = pread(fd, back, (size_t)page, at + page);
+	printf("program-512-reads %02x %02x\n", n == page ? back[0] : 0u, n == page ? back[512] : 0u);
+	printf("program-40 %s\n", Outcome(WriteAt(fd, at + 2 * page, buf, 40)));
+	printf("program-unaligned %s\n", Outcome(WriteAt(fd, at + 3 * page + 100, buf, (size_t)page)));
+	printf("program-past-end %s\n", Outcome(WriteAt(fd, info.size, buf, (size_t)page)));
+	printf("program-bad %s\n", Outcome(WriteAt(fd, bad * block + page, buf, (size_t)page)));
+	free(buf);
+	free(back);
+	close(fd);
+	return 0;
+}
+
 int main(int argc, char **argv)
 {
 	if (argc == 3 && !strcmp(argv[1], "settime"))
@@ -203,6 +276,8 @@ int main(int argc, char **argv)
 		return WaitPort(Number(argv[2]));
 	if (argc == 5 && !strcmp(argv[1], "frames"))
 		return Frames(argv[2], Number(argv[3]), Number(argv[4]));
-	fprintf(stderr, "usage: vmctl settime|sametime|step|sim|waitport|frames ...\n");
+	if (argc == 5 && !strcmp(argv[1], "probe"))
+		return Probe(argv[2], Number(argv[3]), Number(argv[4]));
+	fprintf(stderr, "usage: vmctl settime|sametime|step|sim|waitport|frames|probe ...\n");
 	return 2;
 }
