@@ -51,40 +51,71 @@ armhf)
 esac
 
 die() { echo "run-vm.sh: $*" >&2; exit 1; }
-# The concrete package a metapackage names ("linux-image-amd64" -> "linux-image-6.1.0-56-amd64").
-depends_of() { apt-cache depends "$1" 2>/dev/null | awk '/^  (PreDepends|Depends):/ {print $2}' | tr -d '<>'; }
-version_of() { apt-cache show --no-all-versions "$1" 2>/dev/null | sed -n 's/^Version: //p' | head -n 1; }
-fetch() {  # PACKAGE:ARCH [VERSION]: download into the cache unless there, print the .deb
-	local name=${1%%:*} arch=${1#*:} ver=${2:-} pkg=$1 deb
-	[ "$arch" = all ] && pkg=$name
-	[ -n "$ver" ] || ver=$(version_of "$pkg")
-	deb=$(ls "$cache/${name}_${ver/:/%3a}_${arch}.deb" 2>/dev/null || true)
-	if [ -z "$deb" ]; then
-		# Package lists older than the archive name versions that are gone: fetch them anew once.
-		(cd "$cache" && apt-get download -q=2 -o APT::Sandbox::User=root "$pkg=$ver") >&2 ||
-			{ apt-get update -qq && (cd "$cache" && apt-get download -q=2 -o APT::Sandbox::User=root "$pkg=$ver") >&2; } ||
-			die "apt-get download $pkg=$ver"
-		deb=$(ls "$cache/${name}_${ver/:/%3a}_${arch}.deb")
+# apt for the target's packages: the system's own for amd64; for armhf, apt with
+# lists of the armhf archive of its own, kept in the cache, so that the machine
+# need not carry armhf as a dpkg architecture. Such an update passes over an
+# index that fails to download, as long as the packages are found in the others.
+tapt=()
+if [ "$pkgarch" != "$(dpkg --print-architecture)" ]; then
+	lists=$cache/apt-lists-$pkgarch
+	tapt=(-o "Dir::State::Lists=$lists" -o "APT::Architectures::=$pkgarch" -o "APT::Architecture=$pkgarch"
+		-o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache=)
+	if [ ! -d "$lists" ]; then
+		mkdir -p "$lists/partial"
+		apt-get "${tapt[@]}" update -qq >&2 || true
 	fi
+fi
+apt_() {  # t|h COMMAND ARGS...: COMMAND (apt-get, apt-cache) on the target's (t) or the system's (h) lists
+	local kind=$1 cmd=$2
+	shift 2
+	if [ "$kind" = t ]; then "$cmd" "${tapt[@]}" "$@"; else "$cmd" "$@"; fi
+}
+update() { apt_ "$1" apt-get update -qq >&2 || true; }
+# The concrete package a metapackage names ("linux-image-amd64" -> "linux-image-6.1.0-56-amd64").
+depends_of() {  # t|h PACKAGE
+	apt_ "$1" apt-cache depends "$2" 2>/dev/null | awk '/^  (PreDepends|Depends):/ {print $2}' | tr -d '<>' | cut -d: -f1
+}
+version_of() {  # t|h PACKAGE
+	apt_ "$1" apt-cache show --no-all-versions "$2" 2>/dev/null | sed -n 's/^Version: //p' | head -n 1
+}
+fetch() {  # t|h PACKAGE ARCH [VERSION]: download into the cache unless there, print the .deb
+	local kind=$1 name=$2 arch=$3 ver=${4:-} deb
+	[ -n "$ver" ] || ver=$(version_of "$kind" "$name")
+	[ -n "$ver" ] || die "apt knows no $name"
+	deb=$cache/${name}_${ver/:/%3a}_${arch}.deb
+	if [ ! -e "$deb" ]; then
+		(cd "$cache" && apt_ "$kind" apt-get download -q=2 -o APT::Sandbox::User=root "$name=$ver") >&2 || {
+			# Package lists older than the archive name versions that are gone: fetch them anew once.
+			update "$kind"
+			(cd "$cache" && apt_ "$kind" apt-get download -q=2 -o APT::Sandbox::User=root "$name=$ver") >&2
+		} || die "apt-get download $name=$ver ($arch)"
+	fi
+	[ -e "$deb" ] || die "apt-get download $name=$ver gave no $deb"
 	echo "$deb"
 }
 
-kimage=$(depends_of "$image_meta:$pkgarch" | grep '^linux-image-' | head -n 1 | cut -d: -f1)
-kheaders=$(depends_of "$headers_meta:$pkgarch" | grep '^linux-headers-' | head -n 1 | cut -d: -f1)
-[ -n "$kimage" ] && [ -n "$kheaders" ] || die "apt knows no $image_meta/$headers_meta for $pkgarch (apt-get update?)"
+resolve() {
+	kimage=$(depends_of t "$image_meta" | grep '^linux-image-' | head -n 1)
+	kheaders=$(depends_of t "$headers_meta" | grep '^linux-headers-' | head -n 1)
+}
+resolve
+if [ -z "$kimage" ] || [ -z "$kheaders" ]; then update t; resolve; fi
+[ -n "$kimage" ] && [ -n "$kheaders" ] || die "apt knows no $image_meta/$headers_meta for $pkgarch"
 kver=${kimage#linux-image-}
-hcommon=$(depends_of "$kheaders:$pkgarch" | grep -- '-common' | head -n 1)
-kbuild=$(depends_of "$kheaders:$pkgarch" | grep '^linux-kbuild-' | head -n 1)
 
 root=$cache/root-$kver
 if [ ! -e "$root/.complete" ]; then
 	rm -rf "$root"
 	mkdir -p "$root"
-	for p in "$kimage:$pkgarch" "$kheaders:$pkgarch" "${hcommon%:*}:all" "busybox-static:$pkgarch"; do
-		dpkg-deb -x "$(fetch "$p")" "$root"
-	done
+	hcommon=$(depends_of t "$kheaders" | grep -- '-common$' | head -n 1)
+	kbuild=$(depends_of t "$kheaders" | grep '^linux-kbuild-' | head -n 1)
+	hver=$(version_of t "$kheaders")
+	dpkg-deb -x "$(fetch t "$kimage" "$pkgarch")" "$root"
+	dpkg-deb -x "$(fetch t "$kheaders" "$pkgarch")" "$root"
+	dpkg-deb -x "$(fetch t "$hcommon" all "$hver")" "$root"
+	dpkg-deb -x "$(fetch t busybox-static "$pkgarch")" "$root"
 	# The host tools of kbuild are always the build machine's (amd64), of the headers' own version.
-	dpkg-deb -x "$(fetch "${kbuild%:*}:amd64" "$(version_of "$kheaders:$pkgarch")")" "$root"
+	dpkg-deb -x "$(fetch h "$kbuild" amd64 "$hver")" "$root"
 	# The headers' Makefile includes the common part by its installed path.
 	sed -i "s#^include /usr/src/#include $root/usr/src/#" "$root/usr/src/linux-headers-$kver/Makefile"
 	depmod -b "$root" "$kver"
