@@ -85,7 +85,7 @@ while read -r verb a b c _; do
 		log "kvard started, pid $(kvard_pid)"
 		;;
 	link)
-		echo "wanType=DHCP" >$store/.1400.new && mv $store/.1400.new $store/1400
+		vmctl store $store 1400 wanType=DHCP || fail "writing the WAN connection"
 		r=$(vmctl step "$a" 3) || fail "link update at $a"
 		log "link $a: $r"
 		;;

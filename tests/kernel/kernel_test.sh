@@ -61,12 +61,12 @@ while read -r verb a b c _; do
 	case $verb in
 	'' | '#'*) continue ;;
 	start)
-		echo "wanType=None" >"$store/1400"
+		KVARD_MDM_DIR=$store "$tmctl" mdm set 1400 wanType=None
 		sb time "$box" "@$a" >/dev/null
 		sb start "$box" --wait "${env[@]}" >/dev/null
 		;;
 	link)
-		echo "wanType=DHCP" >"$store/.1400.new" && mv "$store/.1400.new" "$store/1400"
+		KVARD_MDM_DIR=$store "$tmctl" mdm set 1400 wanType=DHCP
 		sb time "$box" "@$a" >/dev/null
 		send TM_MSG_LINK_UPDATE
 		;;

@@ -10,6 +10,8 @@
  *   vmctl sim EPOCH TX RX              TM_MSG_SIM_INPUT with these values, then TM_MSG_SIM_WAKE
  *   vmctl waitport SECONDS             until 127.0.0.1:22724 is bound (from /proc/net/udp)
  *   vmctl frames IFACE COUNT SIZE      send COUNT raw Ethernet frames of SIZE bytes on IFACE
+ *   vmctl store STORE OBJECT LINE      replace the store's OBJECT file by the one LINE, under
+ *                                      the store's lock (flock on STORE/.lock), by rename
  *   vmctl probe DEVICE GOOD BAD        how the MTD driver answers kvard's requests and some
  *                                      misuse, on erase blocks GOOD and GOOD+1 (erased and
  *                                      programmed here) and the bad block BAD: one line each
@@ -29,6 +31,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -195,6 +198,29 @@ static int Frames(const char *iface, long long count, long long size)
 	return 0;
 }
 
+static int Store(const char *store, const char *object, const char *line)
+{
+	char lock[256], temp[256], path[256];
+	snprintf(lock, sizeof lock, "%s/.lock", store);
+	snprintf(temp, sizeof temp, "%s/.%s.vmctl.tmp", store, object);
+	snprintf(path, sizeof path, "%s/%s", store, object);
+	int fd = open(lock, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+	if (fd < 0 || flock(fd, LOCK_EX) != 0) {
+		perror(lock);
+		return 1;
+	}
+	FILE *f = fopen(temp, "w");
+	int ok = f && fprintf(f, "%s\n", line) > 0;
+	if (f && fclose(f) != 0)
+		ok = 0;
+	if (!ok || rename(temp, path) != 0) {
+		perror(path);
+		ok = 0;
+	}
+	close(fd);
+	return ok ? 0 : 1;
+}
+
 static const char *Outcome(long long r)
 {
 	return r < 0 ? strerrorname_np(errno) : "ok";
@@ -276,8 +302,10 @@ int main(int argc, char **argv)
 		return WaitPort(Number(argv[2]));
 	if (argc == 5 && !strcmp(argv[1], "frames"))
 		return Frames(argv[2], Number(argv[3]), Number(argv[4]));
+	if (argc == 5 && !strcmp(argv[1], "store"))
+		return Store(argv[2], argv[3], argv[4]);
 	if (argc == 5 && !strcmp(argv[1], "probe"))
 		return Probe(argv[2], Number(argv[3]), Number(argv[4]));
-	fprintf(stderr, "usage: vmctl settime|sametime|step|sim|waitport|frames|probe ...\n");
+	fprintf(stderr, "usage: vmctl settime|sametime|step|sim|waitport|frames|store|probe ...\n");
 	return 2;
 }
