@@ -3,7 +3,6 @@
  * since the initramfs carries no C library of its own beyond what kvard needs.
  *
  *   vmctl settime EPOCH                set the system clock to EPOCH.000
- *   vmctl sametime EPOCH               exit 1 unless the clock still reads EPOCH
  *   vmctl step EPOCH CODE              set the clock, send datagram CODE (no body),
  *                                      wait for the reply and print it; fail when the
  *                                      clock left that second before the datagram went out
@@ -292,8 +291,6 @@ int main(int argc, char **argv)
 {
 	if (argc == 3 && !strcmp(argv[1], "settime"))
 		return SetTime(Number(argv[2]));
-	if (argc == 3 && !strcmp(argv[1], "sametime"))
-		return SameTime(Number(argv[2]));
 	if (argc == 4 && !strcmp(argv[1], "step"))
 		return Step(Number(argv[2]), (unsigned)Number(argv[3]));
 	if (argc == 5 && !strcmp(argv[1], "sim"))
@@ -306,6 +303,6 @@ int main(int argc, char **argv)
 		return Store(argv[2], argv[3], argv[4]);
 	if (argc == 5 && !strcmp(argv[1], "probe"))
 		return Probe(argv[2], Number(argv[3]), Number(argv[4]));
-	fprintf(stderr, "usage: vmctl settime|sametime|step|sim|waitport|frames|store|probe ...\n");
+	fprintf(stderr, "usage: vmctl settime|step|sim|waitport|frames|store|probe ...\n");
 	return 2;
 }
