@@ -34,7 +34,9 @@ for p in "${pkgs[@]}"; do
 done
 if [ ${#missing[@]} -gt 0 ] || [ $updated -eq 2 ]; then
   export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
+  # One broken index (a mirror's half-synced suite) must not stop the rest:
+  # what is missing after it fails at the install, naming the package.
+  apt-get update -qq || echo "install-deps: some package lists failed to update; going on with what apt has"
 fi
 if [ ${#missing[@]} -gt 0 ]; then
   echo "install-deps: installing ${missing[*]}"

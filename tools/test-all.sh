@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Sets up a Debian 12 machine (as root), builds kvard and runs the whole suite
-# three times: on the host (with the Debian packages checked and the daemon on a
-# real kernel in a VM), under AddressSanitizer and UndefinedBehaviorSanitizer,
+# three times: on the host (with the Debian packages checked and the daemon on
+# Debian's x86-64 kernel in a VM), under AddressSanitizer and UndefinedBehaviorSanitizer,
 # and cross-built for 32-bit ARM (unit tests under qemu-user, the armhf package
-# checked); then the fuzz targets (clang) for a bounded time, two at a time.
+# checked, the daemon on Debian's armmp kernel under qemu-system-arm); then the fuzz targets (clang) for a bounded time, two at a time.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 out=${KVARD_BUILD_DIR:-$top/build}

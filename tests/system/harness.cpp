@@ -95,13 +95,7 @@ Sandbox::~Sandbox() {
         std::filesystem::remove_all(dir_);
 }
 
-CommandResult Sandbox::Runner(const std::vector<std::string> &args) const {
-    std::string command = runner_;
-    for (const auto &arg : args) {  // each in single quotes for the shell
-        command += " '";
-        for (char c : arg) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
-        command += "'";
-    }
+CommandResult RunShell(const std::string &command) {
     CommandResult result;
     FILE *pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
     char buffer[4096];
@@ -109,6 +103,16 @@ CommandResult Sandbox::Runner(const std::vector<std::string> &args) const {
     int status = pipe ? pclose(pipe) : -1;
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
+}
+
+CommandResult Sandbox::Runner(const std::vector<std::string> &args) const {
+    std::string command = runner_;
+    for (const auto &arg : args) {  // each in single quotes for the shell
+        command += " '";
+        for (char c : arg) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        command += "'";
+    }
+    return RunShell(command);
 }
 
 void Sandbox::Reap() {  // only once the box has ended: the runner ends with it

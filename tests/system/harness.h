@@ -33,6 +33,8 @@ using StoreObject = std::map<std::string, std::string>;  // a store object: fiel
 
 struct NetDev { std::string name; uint64_t rxBytes = 0, txBytes = 0; };  // an interface line of /proc/net/dev
 struct CommandResult { int status = -1; std::string out; };  // exit status or 128 + signal; stdout and stderr
+// COMMAND run by /bin/sh on the host, stdin empty, stdout and stderr together.
+CommandResult RunShell(const std::string &command);
 
 class Sandbox {
 public:

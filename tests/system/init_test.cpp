@@ -35,15 +35,7 @@ std::string Slurp(const std::string &path) {
     return text.str();
 }
 
-CommandResult Shell(const std::string &command) {  // on the host, stdout and stderr together
-    CommandResult result;
-    FILE *pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
-    char buffer[4096];
-    for (size_t n; pipe && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) result.out.append(buffer, n);
-    int status = pipe ? pclose(pipe) : -1;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
-}
+CommandResult Shell(const std::string &command) { return RunShell(command); }  // on the host
 
 size_t Count(const std::string &text, std::string_view what) {
     size_t n = 0;
