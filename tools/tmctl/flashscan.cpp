@@ -136,7 +136,7 @@ int scanFlash(const std::string &path, const FlashOptions &options, FlashScan *s
             *error = path + ": the image is empty";
             return kExitFailed;
         }
-        if (st.st_size > (off_t)UINT32_MAX) {
+        if ((unsigned long long)st.st_size > UINT32_MAX) {
             *error = path + ": " + std::to_string((long long)st.st_size) + " bytes, a partition is below 4 GiB";
             return kExitFailed;
         }
