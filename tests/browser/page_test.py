@@ -284,10 +284,15 @@ class PageTest(unittest.TestCase):
 
     def test_05_screenshots_and_narrow_screens(self):
         d = self.driver
+        # A limit that the month has passed the warning mark of, for pictures that show it all.
+        self.tmctl_exec('config', 'set', 'contrl_type=download', 'limit=1000MB', 'warn=300MB')
+        run(SANDBOX, 'advance', self.box, '1m')
         try:
             for name, width, height in (('desktop', 1280, 900), ('phone', 390, 844), ('narrow', 360, 740)):
-                d.set_window_size(width, height)
+                d.execute_cdp_cmd('Emulation.setDeviceMetricsOverride', {
+                    'width': width, 'height': height, 'deviceScaleFactor': 1, 'mobile': name != 'desktop'})
                 self.load()
+                self.assertEqual(self.text('status-words'), 'warning')
                 overflow = d.execute_script('return document.documentElement.scrollWidth - document.documentElement.clientWidth')
                 self.assertLessEqual(overflow, 0, f'{name}: the page is wider than the screen')
                 wide = d.execute_script("""return Array.from(document.querySelectorAll('.scroll'))
@@ -298,7 +303,9 @@ class PageTest(unittest.TestCase):
                     self.assertTrue(d.save_screenshot(path))
                     print(f'screenshot {path}', file=sys.stderr)
         finally:
-            d.set_window_size(1280, 900)
+            d.execute_cdp_cmd('Emulation.clearDeviceMetricsOverride', {})
+            self.tmctl_exec('config', 'set', 'contrl_type=No limit', 'limit=0', 'warn=0')
+            run(SANDBOX, 'advance', self.box, '1m')
 
     # ---- settings ----
 
@@ -455,6 +462,36 @@ class PageTest(unittest.TestCase):
                                  .replace(', 1)', ')'), COLOURS[state])
                 self.assertEqual(self.text('usage-text'),
                                  f"{s['limit']['usedMB']} of {s['limit']['limitMB']} MB downloaded")
+        self.assert_requests_in_box()
+
+    # ---- failures the household may meet ----
+
+    def test_11_stale_session_and_kvard_not_answering(self):
+        d = self.driver
+        self.load()
+        settings, figures = self.store('2888'), self.stats()['published']
+        # Another tab took a new session after this page got its token.
+        token = d.get_cookie('tm_session')['value']
+        d.delete_cookie('tm_session')
+        d.add_cookie({'name': 'tm_session', 'value': ('0' if token[0] != '0' else '1') + token[1:], 'path': '/'})
+        line = self.submit_settings({'mark': '30'})
+        self.assertTrue(line.startswith('Not saved: ') and 'reload the page' in line, line)
+        self.assertEqual(self.store('2888'), settings)
+
+        self.load()
+        run(SANDBOX, 'signal', self.box, 'STOP')
+        try:
+            line = self.submit_settings({'mark': '30'})
+            self.assertTrue(line.startswith('Saved, not yet in force'), line)
+            self.assertIn('half', d.find_element(By.ID, 'form-result').get_attribute('class'))
+            self.assertIn(b'\nmark=30\n', self.store('2888'))
+            d.find_element(By.ID, 'reset').click()
+            d.find_element(By.ID, 'reset-confirm').click()
+            wait_for('the reset', lambda: self.text('reset-result') not in ('', 'Resetting\u2026'))
+            self.assertTrue(self.text('reset-result').startswith('Not reset: '), self.text('reset-result'))
+        finally:
+            run(SANDBOX, 'signal', self.box, 'CONT')
+        self.assertEqual(self.stats()['published'], figures)
         self.assert_requests_in_box()
 
 

@@ -86,13 +86,15 @@
       mark.hidden = !(L.warning !== null && limit > 0 && L.warning < limit);
       if (!mark.hidden) mark.style.left = (L.warning / limit * 100).toFixed(2) + '%';
     }
-    var left = '';
+    var left = '', units = '';
     if (L.enabled && L.type !== 'none' && s.left.kind === 'volume' && s.left.text !== null) {
-      left = s.left.text.trim() + ' left (K = 1024 bytes, M = 1024 K, G = 1024 M)';
+      left = s.left.text.trim() + ' left';
+      units = ' (K = 1024 bytes, M = 1024 K, G = 1024 M)';
     } else if (L.enabled && s.left.kind === 'time' && s.left.minutes !== null) {
       left = hoursMinutes(s.left.minutes) + ' hours left';
     }
-    text('left', left);
+    text('left-text', left);
+    text('left-units', units);
     text('period-start', s.start ? s.start.local : 'not published');
     text('next-reset', s.nextReset ? s.nextReset.local : 'not known yet');
     text('period-day', s.passedDays !== null && s.periodDays !== null
