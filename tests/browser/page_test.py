@@ -478,7 +478,18 @@ class PageTest(unittest.TestCase):
         self.assertTrue(line.startswith('Not saved: ') and 'reload the page' in line, line)
         self.assertEqual(self.store('2888'), settings)
 
-        self.load()
+        # No statistics object (kvard has not published): the page says so and keeps what it showed.
+        self.load('?refresh=1')
+        shown = self.text('as-of')
+        published = os.path.join(self.box, 'var/lib/kvard/mdm', '2889')
+        os.rename(published, published + '.away')
+        try:
+            wait_for('the notice', lambda: 'Could not update the figures' in self.text('notice'))
+        finally:
+            os.rename(published + '.away', published)
+        self.assertEqual(self.text('as-of'), shown)
+        wait_for('the notice to go', lambda: not d.find_element(By.ID, 'notice').is_displayed())
+
         run(SANDBOX, 'signal', self.box, 'STOP')
         try:
             line = self.submit_settings({'mark': '30'})
