@@ -203,8 +203,12 @@ class PageTest(unittest.TestCase):
                 e.send_keys(value)
         d.execute_script("document.getElementById('form-result').textContent = ''")
         d.find_element(By.ID, 'save').click()
-        return wait_for('the form result', lambda: (lambda t: t if t and not t.startswith('Saving') else None)(
-            self.text('form-result')))
+        return self.outcome('form-result')
+
+    def outcome(self, element_id):
+        """The line in ELEMENT_ID once the page is no longer busy ("Saving…", "Resetting…")."""
+        return wait_for(f'the outcome in {element_id}', lambda: (lambda t: t if t and not t.endswith('\u2026') else None)(
+            self.text(element_id)))
 
     def assert_requests_in_box(self):
         self.collect_requests()
@@ -422,8 +426,8 @@ class PageTest(unittest.TestCase):
         wait_for('the dialog', lambda: dialog.get_attribute('open') is not None)
         self.tab_to('reset-confirm', limit=3)
         self.press(Keys.ENTER)
-        wait_for('the reset', lambda: self.text('reset-result') not in ('', 'Resetting\u2026'))
-        self.assertTrue(self.text('reset-result').startswith('The counters are reset.'), self.text('reset-result'))
+        line = self.outcome('reset-result')
+        self.assertTrue(line.startswith('The counters are reset.'), line)
         after = self.stats()['published']
         for period in ('thismonth', 'today', 'thisweek'):
             for kind in ('download', 'upload', 'total'):
@@ -498,8 +502,8 @@ class PageTest(unittest.TestCase):
             self.assertIn(b'\nmark=30\n', self.store('2888'))
             d.find_element(By.ID, 'reset').click()
             d.find_element(By.ID, 'reset-confirm').click()
-            wait_for('the reset', lambda: self.text('reset-result') not in ('', 'Resetting\u2026'))
-            self.assertTrue(self.text('reset-result').startswith('Not reset: '), self.text('reset-result'))
+            line = self.outcome('reset-result')
+            self.assertTrue(line.startswith('Not reset: '), line)
         finally:
             run(SANDBOX, 'signal', self.box, 'CONT')
         self.assertEqual(self.stats()['published'], figures)
