@@ -128,13 +128,13 @@ class PageTest(unittest.TestCase):
                      '--disable-background-networking', '--disable-component-update', '--disable-sync',
                      '--disable-default-apps', '--disable-extensions', f'--user-data-dir={cls.profile}'):
             opts.add_argument(flag)
-        opts.set_capability('goog:loggingPrefs', {'performance': 'ALL'})
+        opts.set_capability('goog:loggingPrefs', {'performance': 'ALL', 'browser': 'ALL'})
         cls.driver = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=opts)
         cls.driver.set_window_size(1280, 900)
         # What the browser loads for itself at its start (its new-tab page) is not the page's.
         cls.driver.get('about:blank')
         cls.driver.get_log('performance')
-        cls.requests = []
+        cls.requests, cls.script_errors = [], []
 
     @classmethod
     def tearDownClass(cls):
@@ -180,12 +180,19 @@ class PageTest(unittest.TestCase):
             msg = json.loads(entry['message'])['message']
             if msg['method'] == 'Network.requestWillBeSent':
                 self.requests.append(msg['params']['request']['url'])
+        # Refused requests show as network errors, which some tests cause; a script error is the page's fault.
+        self.script_errors += [e['message'] for e in self.driver.get_log('browser') if e.get('source') == 'javascript']
 
     def text(self, element_id):
         return self.driver.find_element(By.ID, element_id).text
 
     def refreshes(self):
         return int(self.driver.execute_script("return document.documentElement.getAttribute('data-refreshes') || 0"))
+
+    def wait_refreshes(self):
+        """Two more refreshes of the figures, so that one of them began after what the test just did."""
+        seen = self.refreshes()
+        wait_for('two refreshes', lambda: self.refreshes() >= seen + 2)
 
     def submit_settings(self, values):
         """Types VALUES (input id suffix -> text or bool) into the form and saves; returns the result line."""
@@ -215,6 +222,7 @@ class PageTest(unittest.TestCase):
         self.assertTrue(self.requests)
         outside = [u for u in self.requests if urllib.parse.urlsplit(u)[:2] != self.origin]
         self.assertEqual(outside, [], 'requests outside the box')
+        self.assertEqual(self.script_errors, [], 'script errors')
 
     # ---- what the page shows ----
 
@@ -457,8 +465,7 @@ class PageTest(unittest.TestCase):
             with self.subTest(step=step, state=state):
                 s = wait_for('kvard to act', lambda: (lambda s: s if s['status']['code'] == CODES[state] else None)(
                     self.stats()))
-                seen = self.refreshes()
-                wait_for('two refreshes', lambda: self.refreshes() >= seen + 2)
+                self.wait_refreshes()
                 self.assertEqual(self.text('status-words'), s['status']['words'])
                 status = self.driver.find_element(By.ID, 'status')
                 self.assertIn(f'st-{state}', status.get_attribute('class'))
@@ -466,6 +473,16 @@ class PageTest(unittest.TestCase):
                                  .replace(', 1)', ')'), COLOURS[state])
                 self.assertEqual(self.text('usage-text'),
                                  f"{s['limit']['usedMB']} of {s['limit']['limitMB']} MB downloaded")
+        # A connection-time limit: the time as published, what is left in hours and minutes.
+        line = self.submit_settings({'timecontrl': True, 'conntime_monthly_limit': '300'})
+        self.assertTrue(line.startswith('Saved and in force'), line)
+        run(SANDBOX, 'advance', self.box, '1m')
+        s = self.stats()
+        self.wait_refreshes()
+        self.assertEqual(self.text('usage-text'), f"{s['published']['connTimeUsed']} of 300 hours connected")
+        minutes = s['left']['minutes']
+        self.assertEqual(self.text('left-text'), f'{minutes // 60}:{minutes % 60:02d} hours left')
+        self.assertEqual(self.text('status-words'), s['status']['words'])
         self.assert_requests_in_box()
 
     # ---- failures the household may meet ----
