@@ -6,7 +6,8 @@
   var meta = document.querySelector('meta[name="tm-cgi"]');
   var CGI = meta ? meta.content : '/cgi-bin/tm.cgi';
   // ?refresh=N refreshes every N seconds instead of every minute (tests, demos).
-  var refreshSeconds = Number(new URLSearchParams(location.search).get('refresh')) || 60;
+  var asked = Number(new URLSearchParams(location.search).get('refresh'));
+  var refreshSeconds = asked > 0 ? asked : 60;
   var STATES = { 0: 'ok', 1: 'warn', 3: 'limit', 4: 'down' };
   var SVG = 'http://www.w3.org/2000/svg';
   var CHART_DAYS = 31;
@@ -66,10 +67,10 @@
     document.body.className = 'st-' + state;
     var used, limit, usage;
     if (L.enabled && L.unit === 'MB') {
-      used = L.usedMB; limit = L.limitMB;
+      used = L.usedMB || 0; limit = L.limitMB || 0;
       usage = used + ' of ' + limit + ' MB ' + (L.type === 'download' ? 'downloaded' : 'used');
     } else if (L.enabled && L.unit === 'hours') {
-      used = L.usedMinutes / 60; limit = L.limitHours;
+      used = (L.usedMinutes || 0) / 60; limit = L.limitHours || 0;
       usage = (p.connTimeUsed || '') + ' of ' + limit + ' hours connected';
     } else {
       usage = (p.thismonth_total || '0.00') + ' MB used';
@@ -141,7 +142,7 @@
     for (var g = 0; g <= lines; g++) {
       var y = top + plotH - plotH * g / lines;
       el('line', { x1: left, x2: W - right, y1: y, y2: y, 'class': 'grid' }, svg);
-      el('text', { x: left - 4, y: y + 4, 'text-anchor': 'end' }, svg).textContent = String(step * g);
+      el('text', { x: left - 4, y: y + 4, 'text-anchor': 'end' }, svg).textContent = String(Number((step * g).toPrecision(6)));
     }
     el('text', { x: 2, y: 10 }, svg).textContent = 'MB';
     var slot = plotW / Math.max(rows.length, 1), bw = slot * 0.72;
