@@ -125,7 +125,7 @@ void Init(const std::string &dir, const std::string &time, const std::string &zo
 }
 
 const char *const kCommands[] = {"init", "run",  "start", "wait",   "status",  "signal", "stop",
-                                 "exec", "time", "proc",  "netdev", "advance", "replay"};
+                                 "exec", "time", "proc",  "netdev", "advance", "replay", "web"};
 
 TEST(SandboxCli, help_and_version_of_every_command_touch_nothing) {
     TempDir work;
@@ -213,6 +213,10 @@ TEST(SandboxCli, bad_command_lines_name_the_fault_exit_2_and_change_nothing) {
         {{"netdev", dir, "eth0", "1"}, "netdev: missing NAME RX TX"},
         {{"netdev", dir, "eth0", "1", "x"}, "bad value 'x' of TX of eth0"},
         {{"proc", dir}, "proc: missing FILE"},
+        {{"web", dir}, "instance is not running"},
+        {{"web", dir, "--port", "0"}, "bad value '0' of --port"},
+        {{"web", dir, "--port", "70000"}, "bad value '70000' of --port"},
+        {{"web", dir, "extra"}, "unexpected operand 'extra'"},
         {{"bogus", dir}, "unknown command 'bogus'"},
         {{"help", "bogus"}, "unknown command 'bogus'"},
         {{"--bogus", "status", dir}, "unknown option '--bogus'"},

@@ -493,8 +493,49 @@ Tree LocateTree() {
     return Tree{bin.substr(0, bin.rfind('/'))};
 }
 
-std::vector<std::string> BoxCommandLine(const Instance &instance, const Tree &tree, const RunOptions &options) {
+std::vector<std::pair<std::string, std::string>> BoxEnvironment(const Instance &instance, const Tree &tree,
+                                                                const std::string &hostProgram) {
     std::map<std::string, std::string> settings = ReadInstanceSettings(instance);
+    Environment env;
+    env.Set("TZ", settings["tz"]);
+    env.Set("FAKETIME_TIMESTAMP_FILE", BoxControlPath(kClockFile));
+    env.Set("FAKETIME_NO_CACHE", "1");
+    env.Set("FAKETIME_DONT_FAKE_MONOTONIC", "1");
+    // File times stay real. libfaketime's stat wrapper takes a semaphore that
+    // is gone once its destructor ran, and the leak checker stats files after.
+    env.Set("NO_FAKE_STAT", "1");
+    // An instrumented program or an instrumented NAND library (a sanitizer
+    // build of the tree) needs the ASan runtime first in the list.
+    bool mtdsim = settings["mtd"] == "1" && PathExists(tree.MtdSim());
+    std::string asan = hostProgram.empty() ? "" : AsanRuntimeOf(hostProgram);
+    if (asan.empty() && mtdsim) asan = AsanRuntimeOf(tree.MtdSim());
+    std::vector<std::string> preload;
+    if (!asan.empty()) {
+        // Its allocator reads the monotonic clock under a lock; libfaketime's
+        // first clock call loads symbols, which allocates: with periodic
+        // release off the two do not deadlock at start-up.
+        preload.push_back(asan);
+        env.Set("ASAN_OPTIONS", "allocator_release_to_os_interval_ms=-1");
+        // Every child gets the runtime too; what the host's own programs
+        // (sh, date, awk) leave unfreed at exit is not the program's leak.
+        env.Set("LSAN_OPTIONS", "suppressions=" + BoxControlPath(kLsanSuppressionsFile));
+    }
+    preload.push_back(FindFaketime());
+    if (mtdsim) {
+        preload.push_back(tree.MtdSim());
+        env.Set("MTDSIM_DEVICE", "/dev/mtd0");
+        env.Set("MTDSIM_IMAGE", BoxControlPath(kMtdImageFile));
+        env.Set("MTDSIM_SIZE", settings["mtd_size"]);
+        env.Set("MTDSIM_ERASESIZE", settings["mtd_erasesize"]);
+        env.Set("MTDSIM_WRITESIZE", settings["mtd_writesize"]);
+    }
+    std::string preloadText;
+    for (const auto &lib : preload) preloadText += (preloadText.empty() ? "" : ":") + lib;
+    env.Set("LD_PRELOAD", preloadText);
+    return env.Entries();
+}
+
+std::vector<std::string> BoxCommandLine(const Instance &instance, const Tree &tree, const RunOptions &options) {
     std::vector<std::string> command = options.command;
     if (command.empty()) command.push_back(tree.DefaultProgram());
 
@@ -548,41 +589,7 @@ std::vector<std::string> BoxCommandLine(const Instance &instance, const Tree &tr
     Environment env;
     env.Set("PATH", boxPath);
     env.Set("HOME", "/tmp");
-    env.Set("TZ", settings["tz"]);
-    env.Set("FAKETIME_TIMESTAMP_FILE", BoxControlPath(kClockFile));
-    env.Set("FAKETIME_NO_CACHE", "1");
-    env.Set("FAKETIME_DONT_FAKE_MONOTONIC", "1");
-    // File times stay real. libfaketime's stat wrapper takes a semaphore that
-    // is gone once its destructor ran, and the leak checker stats files after.
-    env.Set("NO_FAKE_STAT", "1");
-    // An instrumented program or an instrumented NAND library (a sanitizer
-    // build of the tree) needs the ASan runtime first in the list.
-    bool mtdsim = settings["mtd"] == "1" && PathExists(tree.MtdSim());
-    std::string asan = hostProgram.empty() ? "" : AsanRuntimeOf(hostProgram);
-    if (asan.empty() && mtdsim) asan = AsanRuntimeOf(tree.MtdSim());
-    std::vector<std::string> preload;
-    if (!asan.empty()) {
-        // Its allocator reads the monotonic clock under a lock; libfaketime's
-        // first clock call loads symbols, which allocates: with periodic
-        // release off the two do not deadlock at start-up.
-        preload.push_back(asan);
-        env.Set("ASAN_OPTIONS", "allocator_release_to_os_interval_ms=-1");
-        // Every child gets the runtime too; what the host's own programs
-        // (sh, date, awk) leave unfreed at exit is not the program's leak.
-        env.Set("LSAN_OPTIONS", "suppressions=" + BoxControlPath(kLsanSuppressionsFile));
-    }
-    preload.push_back(FindFaketime());
-    if (mtdsim) {
-        preload.push_back(tree.MtdSim());
-        env.Set("MTDSIM_DEVICE", "/dev/mtd0");
-        env.Set("MTDSIM_IMAGE", BoxControlPath(kMtdImageFile));
-        env.Set("MTDSIM_SIZE", settings["mtd_size"]);
-        env.Set("MTDSIM_ERASESIZE", settings["mtd_erasesize"]);
-        env.Set("MTDSIM_WRITESIZE", settings["mtd_writesize"]);
-    }
-    std::string preloadText;
-    for (const auto &lib : preload) preloadText += (preloadText.empty() ? "" : ":") + lib;
-    env.Set("LD_PRELOAD", preloadText);
+    for (const auto &[name, value] : BoxEnvironment(instance, tree, hostProgram)) env.Set(name, value);
     for (const auto &entry : options.env) {
         size_t eq = entry.find('=');
         if (eq == std::string::npos || eq == 0) throw Error("bad --env '" + entry + "': expected NAME=VALUE");
@@ -735,14 +742,16 @@ Status StopInstance(const Instance &instance, int signal, double timeoutSeconds)
 }
 
 std::vector<std::string> EnterCommandLine(pid_t boxPid, const std::string &userNamespace,
-                                          const std::vector<std::string> &command) {
+                                          const std::vector<std::string> &command,
+                                          const std::vector<std::string> &namespaces) {
     const char *path = getenv("PATH");
     auto nsenter = FindExecutable("nsenter", path ? path : "/usr/bin:/bin");
     if (!nsenter && PathExists("/usr/bin/nsenter")) nsenter = "/usr/bin/nsenter";
     if (!nsenter) throw Error("nsenter not found (Debian package util-linux)");
     std::vector<std::string> args = {*nsenter, "--target", std::to_string(boxPid)};
     if (!userNamespace.empty()) args.insert(args.end(), {"--user=" + userNamespace, "--preserve-credentials"});
-    args.insert(args.end(), {"--net", "--"});
+    args.insert(args.end(), namespaces.begin(), namespaces.end());
+    args.push_back("--");
     args.insert(args.end(), command.begin(), command.end());
     return args;
 }
@@ -774,21 +783,25 @@ int OwnerUserNamespace(pid_t boxPid) {
     return owner;
 }
 
+pid_t RunningBoxPid(const Instance &instance) {
+    auto box = ReadPidRecord(instance, kRunBox);
+    if (!LockHeld(instance) || !box || !PidRecordAlive(*box)) throw Error("instance is not running: " + instance.dir);
+    return box->pid;
+}
+
 void ExecInNetwork(const Instance &instance, const Tree &tree, const std::vector<std::string> &command) {
     if (command.empty()) throw Error("exec: no command given");
-    auto box = ReadPidRecord(instance, kRunBox);
-    if (!LockHeld(instance) || !box || !PidRecordAlive(*box))
-        throw Error("instance is not running: " + instance.dir);
+    const pid_t boxPid = RunningBoxPid(instance);
     // Only root and the user who started the box may enter it; say so
     // rather than let nsenter fail on a namespace it may not join.
     struct stat boxProc;
-    std::string boxProcPath = "/proc/" + std::to_string(box->pid);
+    std::string boxProcPath = "/proc/" + std::to_string(boxPid);
     if (stat(boxProcPath.c_str(), &boxProc) == 0 && geteuid() != 0 && boxProc.st_uid != geteuid())
         throw Error("the box of " + instance.dir + " was started by uid " + std::to_string(boxProc.st_uid) +
                     ": only that user and root can enter it");
-    int owner = OwnerUserNamespace(box->pid);
+    int owner = OwnerUserNamespace(boxPid);
     std::vector<std::string> args =
-        EnterCommandLine(box->pid, owner < 0 ? "" : "/proc/self/fd/" + std::to_string(owner), command);
+        EnterCommandLine(boxPid, owner < 0 ? "" : "/proc/self/fd/" + std::to_string(owner), command);
     // nsenter looks the command up in this PATH.
     const char *path = getenv("PATH");
     std::string newPath = tree.prefix + "/bin:" + tree.prefix + "/sbin:" + (path ? path : "/usr/bin:/bin");

@@ -20,6 +20,8 @@ struct Tree {
     std::string Helper() const { return prefix + "/libexec/kvard/sandbox-helper"; }
     std::string MtdSim() const { return prefix + "/lib/kvard/libmtdsim.so"; }
     std::string DefaultProgram() const { return prefix + "/sbin/kvard"; }
+    std::string WebRoot() const { return prefix + "/share/kvard/www"; }
+    std::string WebCgi() const { return prefix + "/lib/kvard/cgi-bin/tm.cgi"; }
 };
 
 // The tree of the running executable (its directory's parent).
@@ -74,8 +76,19 @@ Status StopInstance(const Instance &instance, int signal, double timeoutSeconds)
 // The nsenter argument vector that runs COMMAND in the network namespace of
 // the box whose pid 1 is BOX_PID; USER_NAMESPACE, unless empty, is a path to
 // the user namespace that owns that network namespace, joined first.
+// NAMESPACES are nsenter's options for the namespaces to join.
 std::vector<std::string> EnterCommandLine(pid_t boxPid, const std::string &userNamespace,
-                                          const std::vector<std::string> &command);
+                                          const std::vector<std::string> &command,
+                                          const std::vector<std::string> &namespaces = {"--net"});
+
+// The host pid of the box's pid 1; throws when the instance is not running.
+pid_t RunningBoxPid(const Instance &instance);
+
+// What a program run in the box finds in its environment besides PATH and
+// HOME: the zone, the fake clock, the emulated NAND and their preloads.
+// HOST_PROGRAM (may be empty) decides whether the ASan runtime goes first.
+std::vector<std::pair<std::string, std::string>> BoxEnvironment(const Instance &instance, const Tree &tree,
+                                                                const std::string &hostProgram);
 
 // The user namespace that owns the network namespace of the box whose pid 1
 // is BOX_PID, as a descriptor without close-on-exec; -1 when it is this

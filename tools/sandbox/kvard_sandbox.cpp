@@ -20,6 +20,7 @@
 #include "tools/sandbox/replay.h"
 #include "tools/sandbox/timespec.h"
 #include "tools/sandbox/util.h"
+#include "tools/sandbox/web.h"
 
 namespace {
 
@@ -47,6 +48,7 @@ Commands:
   netdev   replace /proc/net/dev with given byte counters
   advance  step the clock and the WAN counters minute by minute at given rates
   replay   step them along the rows of a CSV file
+  web      serve the Traffic Meter page from the box to the host's browser
 
 Every command takes:
   -C, --dir DIR   the state directory (instead of the DIR operand)
@@ -79,6 +81,8 @@ enum : int {
     kWait,
     kTimeout,
     kPort,
+    kListen,
+    kStopWeb,
 };
 
 struct Parsed {
@@ -554,6 +558,42 @@ int CmdNetDev(const Command &command, int argc, char **argv) {
     return 0;
 }
 
+const char kWebUsage[] = R"USAGE(usage: kvard-sandbox web [DIR] [--port N] [--listen ADDR] [--timeout SEC]
+       kvard-sandbox web [DIR] --stop
+
+Serves the Traffic Meter page and its CGI (tm.cgi) with lighttpd from inside
+the running box, so that the CGI reads the box's store, flash and clock and
+talks to its kvard, on a TCP port of the host that a browser on the host
+reaches. Prints the URL once the page answers. The server ends with the box;
+a second call prints the URL of the server that runs. Needs root and lighttpd
+(Debian package lighttpd); the server's files are in DIR/sandbox/web.
+  --port N        the host's port (default: any free port)
+  --listen ADDR   the host's address to listen on (default 127.0.0.1; 0.0.0.0
+                  shows the page to the whole network, without a login)
+  --timeout SEC   how long to wait for the first answer (default 10)
+  --stop          end the server (the box goes on)
+Exit status: 0 served (or stopped), 3 --stop found no server, 2 for a bad
+command line or a server that could not be started.
+)USAGE";
+
+int CmdWeb(const Command &command, int argc, char **argv) {
+    Parsed parsed;
+    WebOptions options;
+    bool stop = false;
+    bool ok = ParseArguments(command, argc, argv, parsed, [&](int code, const std::string &value) {
+        if (code == kTimeout) options.timeoutSeconds = SecondsValue("--timeout", value);
+        if (code == kPort) options.port = static_cast<int>(NumberValue("--port", value, 1, 65535));
+        if (code == kListen) options.address = value;
+        if (code == kStopWeb) stop = true;
+    });
+    if (!ok) return 0;
+    NoCommand(parsed);
+    Instance instance = OpenInstance(ResolveInstanceDir(parsed.dirOption, parsed.operands, 0, 0));
+    if (stop) return StopWeb(instance) ? 0 : 3;
+    printf("%s\n", StartWeb(instance, LocateTree(), options).c_str());
+    return 0;
+}
+
 const std::vector<Command> &Commands() {
     static const std::vector<Command> commands = {
         {"init", kInitUsage,
@@ -579,6 +619,12 @@ const std::vector<Command> &Commands() {
         {"time", kTimeUsage, {}, CmdTime},
         {"proc", kProcUsage, {}, CmdProc},
         {"netdev", kNetDevUsage, {}, CmdNetDev},
+        {"web", kWebUsage,
+         {{"port", required_argument, nullptr, kPort},
+          {"listen", required_argument, nullptr, kListen},
+          {"timeout", required_argument, nullptr, kTimeout},
+          {"stop", no_argument, nullptr, kStopWeb}},
+         CmdWeb},
     };
     return commands;
 }
