@@ -5,8 +5,8 @@
 
 namespace {
 
-#define STR(type, field) {#field, static_cast<uint16_t>(offsetof(type, field)), CMS_FIELD_STRING}
-#define BYTE(type, field) {#field, static_cast<uint16_t>(offsetof(type, field)), CMS_FIELD_BYTE}
+#define STR(type, field) {#field, static_cast<uint16_t>(offsetof(type, field)), CMS_FIELD_STRING, sizeof(#field) - 1}
+#define BYTE(type, field) {#field, static_cast<uint16_t>(offsetof(type, field)), CMS_FIELD_BYTE, sizeof(#field) - 1}
 #define COUNT(a) static_cast<uint16_t>(sizeof(a) / sizeof((a)[0]))
 
 const CmsField ifaceFields[] = {
@@ -126,11 +126,21 @@ const CmsObjectType *cmsFields_findByName(const char *name)
     return nullptr;
 }
 
-const CmsField *cmsFields_field(const CmsObjectType *type, const char *name, size_t len)
+const CmsField *cmsFields_fieldNext(const CmsObjectType *type, const char *name, size_t len, uint16_t *next)
 {
-    for (uint16_t i = 0; i < type->fieldCount; i++) {
+    for (uint16_t k = 0; k < type->fieldCount; k++) {
+        uint16_t i = static_cast<uint16_t>((*next + k) % type->fieldCount);
         const CmsField *f = &type->fields[i];
-        if (strlen(f->name) == len && memcmp(f->name, name, len) == 0) return f;
+        if (f->nameLen == len && memcmp(f->name, name, len) == 0) {
+            *next = static_cast<uint16_t>(i + 1);
+            return f;
+        }
     }
     return nullptr;
+}
+
+const CmsField *cmsFields_field(const CmsObjectType *type, const char *name, size_t len)
+{
+    uint16_t first = 0;
+    return cmsFields_fieldNext(type, name, len, &first);
 }

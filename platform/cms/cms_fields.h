@@ -18,6 +18,7 @@ struct CmsField {
     const char *name;
     uint16_t offset;
     CmsFieldKind kind;
+    uint8_t nameLen;    // strlen(name)
 };
 
 struct CmsObjectType {
@@ -36,6 +37,10 @@ const CmsObjectType *cmsFields_find(MdmObjectId oid);
 const CmsObjectType *cmsFields_findByName(const char *name);
 // The field of this name (the first len bytes of name); null when the type has none.
 const CmsField *cmsFields_field(const CmsObjectType *type, const char *name, size_t len);
+// The same, trying first the field at *next and leaving in *next the index
+// after the one found: a file written in object order finds each field at the
+// first try.
+const CmsField *cmsFields_fieldNext(const CmsObjectType *type, const char *name, size_t len, uint16_t *next);
 
 // The string slot of a CMS_FIELD_STRING field inside an object.
 inline char **cmsFields_string(void *obj, const CmsField *f)

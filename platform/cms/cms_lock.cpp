@@ -2,7 +2,9 @@
 // sleeps until the caller's timeout. The descriptor stays open between calls
 // (the daemon takes the lock several times a wake); it is reopened after a
 // fork or when the store moves, since a descriptor inherited from the parent
-// shares the parent's lock instead of competing for it.
+// shares the parent's lock instead of competing for it. A fork is noticed by a
+// handler that runs in the child, not by asking for the pid at every call: the
+// lock is taken several times a wake.
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -10,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -23,12 +26,31 @@ namespace {
 
 struct LockState {
     int fd = -1;
-    pid_t pid = 0;             // process that opened fd
+    bool inherited = false;    // fd was opened by the parent of a fork
     char path[PATH_MAX] = "";  // the lock file fd belongs to
     bool held = false;
+    uint64_t hold = 0;         // number of the current or last hold
     char holder[64] = "";      // traced function name of the current holder
 };
 LockState lk;
+pid_t ownPid = 0;   // 0: not known yet
+
+void forked(void)
+{
+    lk.inherited = true;
+    ownPid = 0;
+}
+
+void watchForks(void)
+{
+    static bool watching = false;
+    if (!watching) watching = pthread_atfork(nullptr, nullptr, forked) == 0;
+}
+
+bool ownsFd(void)
+{
+    return lk.fd >= 0 && !lk.inherited;
+}
 
 // Microseconds: a deadline in whole milliseconds would end a wait up to 1 ms early.
 int64_t nowUs(void)
@@ -59,8 +81,12 @@ uint32_t cappedTimeout(uint32_t timeoutMs)
 
 int lockPath(char *buf, size_t size)
 {
-    int n = snprintf(buf, size, "%s/.lock", cmsStore_dir());
-    return n > 0 && static_cast<size_t>(n) < size ? 0 : -1;
+    const char *dir = cmsStore_dir();
+    size_t n = strlen(dir);
+    if (n + sizeof "/.lock" > size) return -1;
+    memcpy(buf, dir, n);
+    memcpy(buf + n, "/.lock", sizeof "/.lock");
+    return 0;
 }
 
 // An open descriptor of this process for the current store's lock file; -1 (reported) when it cannot be opened.
@@ -71,10 +97,12 @@ int lockFd(void)
         cmsPriv_report("lock file name too long for store %s", cmsStore_dir());
         return -1;
     }
-    if (lk.fd >= 0 && lk.pid == getpid() && strcmp(lk.path, path) == 0) return lk.fd;
+    if (ownsFd() && strcmp(lk.path, path) == 0) return lk.fd;
     if (lk.fd >= 0) close(lk.fd);   // inherited or stale: never unlock through it
     lk.fd = -1;
+    lk.inherited = false;
     lk.held = false;
+    watchForks();
     int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0 && (errno == EACCES || errno == EROFS)) fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -82,7 +110,6 @@ int lockFd(void)
         return -1;
     }
     lk.fd = fd;
-    lk.pid = getpid();
     snprintf(lk.path, sizeof lk.path, "%s", path);
     return fd;
 }
@@ -105,13 +132,27 @@ long otherHolder(int fd)
         // "1: FLOCK  ADVISORY  WRITE 5578 fe:00:10952737 0 EOF"; blocked waiters carry "->".
         if (strstr(line, "->") != nullptr) continue;
         if (sscanf(line, "%*s %15s %*s %15s %ld %63s", kind, mode, &p, dev) != 4) continue;
-        if (strcmp(kind, "FLOCK") == 0 && strcmp(dev, key) == 0 && p != getpid()) pid = p;
+        if (strcmp(kind, "FLOCK") == 0 && strcmp(dev, key) == 0 && p != cmsPriv_pid()) pid = p;
     }
     fclose(f);
     return pid;
 }
 
 }  // namespace
+
+pid_t cmsPriv_pid(void)
+{
+    if (ownPid == 0) {
+        watchForks();
+        ownPid = getpid();
+    }
+    return ownPid;
+}
+
+uint64_t cmsPriv_lockHold(void)
+{
+    return lk.held && ownsFd() ? lk.hold : 0;
+}
 
 CmsRet cmsLck_acquireLockWithTimeoutTraced(const char *callerFuncName, uint32_t timeoutMs)
 {
@@ -123,7 +164,9 @@ CmsRet cmsLck_acquireLockWithTimeoutTraced(const char *callerFuncName, uint32_t 
         cmsPriv_report("lock %s: %s asks for it while %s of this process holds it", lk.path, caller, lk.holder);
         return CMSRET_RESOURCE_EXCEEDED;
     }
-    const int64_t deadline = nowUs() + static_cast<int64_t>(cappedTimeout(timeoutMs)) * 1000;
+    // The clock is read only once the lock turns out to be taken: the usual
+    // case costs the one flock call.
+    int64_t deadline = -1;
     int64_t pause = 1000;
     for (;;) {
         if (flock(fd, LOCK_EX | LOCK_NB) == 0) break;
@@ -131,19 +174,23 @@ CmsRet cmsLck_acquireLockWithTimeoutTraced(const char *callerFuncName, uint32_t 
             cmsPriv_report("cannot lock %s: %s", lk.path, strerror(errno));
             return CMSRET_INTERNAL_ERROR;
         }
+        if (deadline < 0) deadline = nowUs() + static_cast<int64_t>(cappedTimeout(timeoutMs)) * 1000;
         int64_t left = deadline - nowUs();
         if (left <= 0) return CMSRET_TIMED_OUT;
         sleepUs(pause < left ? pause : left);
         if (pause < 10000) pause *= 2;   // 1, 2, 4, 8, 16 ms: cheap, and quick to notice a release
     }
     lk.held = true;
-    snprintf(lk.holder, sizeof lk.holder, "%s", caller);
+    lk.hold++;
+    size_t n = strnlen(caller, sizeof lk.holder - 1);
+    memcpy(lk.holder, caller, n);
+    lk.holder[n] = '\0';
     return CMSRET_SUCCESS;
 }
 
 void cmsLck_releaseLockTraced(const char *callerFuncName)
 {
-    if (!lk.held || lk.fd < 0 || lk.pid != getpid()) {
+    if (!lk.held || !ownsFd()) {
         cmsPriv_report("lock %s/.lock: %s releases a lock this process does not hold", cmsStore_dir(),
                        callerFuncName != nullptr ? callerFuncName : "?");
         return;
@@ -157,11 +204,11 @@ void cmsLck_dumpInfo(void)
 {
     char path[PATH_MAX];
     if (lockPath(path, sizeof path) != 0) snprintf(path, sizeof path, "%s", cmsStore_dir());
-    if (lk.held && lk.pid == getpid() && strcmp(lk.path, path) == 0) {
+    if (lk.held && ownsFd() && strcmp(lk.path, path) == 0) {
         cmsPriv_report("lock %s: held in this process by %s", path, lk.holder);
         return;
     }
-    long other = lk.fd >= 0 && lk.pid == getpid() ? otherHolder(lk.fd) : 0;
+    long other = ownsFd() ? otherHolder(lk.fd) : 0;
     if (other != 0)
         cmsPriv_report("lock %s: not held in this process; process %ld holds it", path, other);
     else

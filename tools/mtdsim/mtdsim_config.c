@@ -15,15 +15,72 @@ static const char *Env(const char *name)
     return (v != NULL && v[0] != '\0') ? v : NULL;
 }
 
+/* Every open of every file asks whether its path is the device, so the
+ * variables are looked up again only when the environment changed. setenv,
+ * putenv and unsetenv all change the array of pointers to its entries (a new
+ * entry, a new pointer, an entry moved down), which is kept here to compare;
+ * only a string changed in place after putenv goes unnoticed. */
+extern char **environ;
+#define SNAPSHOT_ENTRIES 1024
+static char *seen[SNAPSHOT_ENTRIES + 1];
+static char **seenEnviron;
+static int seenValid;
+
+static struct {
+    const char *device;        /* MTDSIM_DEVICE or the default; valid while seen is */
+    int hasImage;
+    int have;                  /* config holds the valid configuration of this environment */
+    MtdsimConfig config;
+    uint64_t generation;       /* counts the valid configurations met */
+} state;
+
+static int EnvironmentSame(void)
+{
+    if (!seenValid || environ != seenEnviron)
+        return 0;
+    for (size_t i = 0;; i++) {
+        if (environ[i] != seen[i])
+            return 0;
+        if (environ[i] == NULL)
+            return 1;
+    }
+}
+
+/* Brings the device path and the image's presence in line with the environment. */
+static void Refresh(void)
+{
+    if (EnvironmentSame())
+        return;
+    const char *v = Env("MTDSIM_DEVICE");
+    state.device = v != NULL ? v : MTDSIM_DEFAULT_DEVICE;
+    state.hasImage = Env("MTDSIM_IMAGE") != NULL;
+    state.have = 0;
+    seenValid = 0;
+    if (environ == NULL)
+        return;
+    size_t i = 0;
+    for (; environ[i] != NULL; i++) {
+        if (i == SNAPSHOT_ENTRIES)
+            return; /* too large to keep: looked up at every call */
+        seen[i] = environ[i];
+    }
+    seen[i] = NULL;
+    seenEnviron = environ;
+    seenValid = 1;
+}
+
 const char *MtdsimConfigDevice(void)
 {
-    const char *v = Env("MTDSIM_DEVICE");
-    return v != NULL ? v : MTDSIM_DEFAULT_DEVICE;
+    Refresh();
+    return state.device;
 }
 
 int MtdsimConfigMatches(const char *path)
 {
-    return path != NULL && Env("MTDSIM_IMAGE") != NULL && strcmp(path, MtdsimConfigDevice()) == 0;
+    if (path == NULL)
+        return 0;
+    Refresh();
+    return state.hasImage && strcmp(path, state.device) == 0;
 }
 
 /* Parses a decimal number of at most max from text, digits only. 0 ok, -1 not. */
@@ -150,6 +207,25 @@ int MtdsimConfigRead(MtdsimConfig *cfg)
     cfg->cutAfter = cutAfter == UINT64_MAX ? -1 : (int64_t)cutAfter;
     cfg->cutBytes = cutBytes == UINT64_MAX ? -1 : (int64_t)cutBytes;
     return 0;
+}
+
+const MtdsimConfig *MtdsimConfigCurrent(uint64_t *generation)
+{
+    Refresh();
+    if (state.have) {
+        *generation = state.generation;
+        return &state.config;
+    }
+    static MtdsimConfig fresh;
+    if (MtdsimConfigRead(&fresh) != 0)
+        return NULL;
+    if (state.generation == 0 || memcmp(&fresh, &state.config, sizeof fresh) != 0) {
+        memcpy(&state.config, &fresh, sizeof fresh);
+        state.generation++;
+    }
+    state.have = seenValid;
+    *generation = state.generation;
+    return &state.config;
 }
 
 int MtdsimConfigIsBadBlock(const MtdsimConfig *cfg, uint32_t block)

@@ -1,5 +1,6 @@
 /* The emulated NAND's configuration, read from MTDSIM_* environment variables
- * (docs/mtdsim.md). Read anew at every open of the device path. */
+ * (docs/mtdsim.md): at the first open of the device path, and again at an open
+ * after the environment changed. */
 #ifndef KVARD_MTDSIM_CONFIG_H
 #define KVARD_MTDSIM_CONFIG_H
 
@@ -38,6 +39,13 @@ int MtdsimConfigMatches(const char *path);
 /* Reads and checks every variable into cfg. 0 valid; -1 invalid, after one
  * line on stderr that names the variable and its value. */
 int MtdsimConfigRead(MtdsimConfig *cfg);
+
+/* The configuration of the current environment, read and checked anew only
+ * when the environment changed since the last call; null when it is invalid,
+ * after one line on stderr (at every call while it stays invalid).
+ * *generation changes exactly when the configuration differs from the last
+ * valid one: the first valid one is 1. */
+const MtdsimConfig *MtdsimConfigCurrent(uint64_t *generation);
 
 /* 1 when block number block is listed in MTDSIM_BADBLOCKS, else 0. */
 int MtdsimConfigIsBadBlock(const MtdsimConfig *cfg, uint32_t block);

@@ -35,8 +35,7 @@ typedef struct {
 /* The programs this serves are single-threaded; the table has no lock. */
 static Tracked tracked[MAX_DEVICES];
 static int trackedCount;
-static MtdsimConfig lastConfig;
-static int haveLastConfig;
+static uint64_t lastGeneration;
 
 static Tracked *Find(int fd)
 {
@@ -89,15 +88,14 @@ static int OpenDevice(int flags)
         errno = EEXIST;
         return -1;
     }
-    MtdsimConfig *cfg = &lastConfig;
-    static MtdsimConfig fresh;
-    if (MtdsimConfigRead(&fresh) != 0) {
+    uint64_t generation = 0;
+    const MtdsimConfig *cfg = MtdsimConfigCurrent(&generation);
+    if (cfg == NULL) {
         errno = EINVAL;
         return -1;
     }
-    if (!haveLastConfig || memcmp(&fresh, cfg, sizeof fresh) != 0) {
-        memcpy(cfg, &fresh, sizeof fresh);
-        haveLastConfig = 1;
+    if (generation != lastGeneration) {
+        lastGeneration = generation;
         MtdsimNandResetCounts();
     }
     Tracked *slot = FreeSlot();
@@ -106,16 +104,10 @@ static int OpenDevice(int flags)
         errno = EMFILE;
         return -1;
     }
-    if (MtdsimNandPrepare(cfg, &slot->dev) != 0)
-        return -1;
     int keep = flags & (O_CLOEXEC | O_NONBLOCK | O_SYNC | O_DSYNC | O_NOCTTY);
-    int fd = MtdsimReal()->open(cfg->image, O_RDWR | keep);
-    if (fd < 0) {
-        int e = errno;
-        MtdsimReportFile(cfg->image, "cannot open the flash image", e);
-        errno = e;
+    int fd = MtdsimNandOpen(cfg, generation, &slot->dev, keep);
+    if (fd < 0)
         return -1;
-    }
     Forget(fd);
     slot->used = 1;
     slot->fd = fd;

@@ -26,6 +26,44 @@ void MtdsimNandResetCounts(void)
     programs = 0;
 }
 
+/* ---- What the last check or change of this process left: the image and the
+ * sidecar as files. A device opens without the checks of MtdsimNandPrepare
+ * while both are still these files, unchanged; every change made from outside
+ * (another process, an edit, a replacement) shows in their inode, size or
+ * times, the same times the sidecar's own freshness rule goes by. */
+
+typedef struct {
+    dev_t dev;
+    ino64_t ino;
+    off64_t size;
+    struct timespec mtim, ctim;
+} FileState;
+
+static struct {
+    int valid;
+    uint64_t generation;   /* of the configuration they were checked under */
+    uint64_t size;         /* of the chip */
+    FileState image, sidecar;
+    char sidecarPath[PATH_MAX + 8];
+} known;
+
+static void StateOf(const struct stat64 *st, FileState *out)
+{
+    memset(out, 0, sizeof *out);
+    out->dev = st->st_dev;
+    out->ino = st->st_ino;
+    out->size = st->st_size;
+    out->mtim = st->st_mtim;
+    out->ctim = st->st_ctim;
+}
+
+static int SameState(const struct stat64 *st, const FileState *s)
+{
+    FileState now;
+    StateOf(st, &now);
+    return memcmp(&now, s, sizeof now) == 0;
+}
+
 static int ReadAll(int fd, void *buf, size_t n, uint64_t off)
 {
     for (size_t done = 0; done < n;) {
@@ -78,6 +116,24 @@ static int Fill(int fd, uint64_t from, uint64_t to, unsigned char byte)
 static void SidecarPath(const MtdsimDevice *dev, char *out, size_t cap)
 {
     snprintf(out, cap, "%s.pages", dev->cfg.image);
+}
+
+/* Notes the image (descriptor image) and the sidecar (descriptor sidecar, or
+ * its path when -1) as dev leaves them. */
+static void Remember(const MtdsimDevice *dev, int image, int sidecar)
+{
+    known.valid = 0;
+    struct stat64 si, ss;
+    SidecarPath(dev, known.sidecarPath, sizeof known.sidecarPath);
+    if (fstat64(image, &si) != 0)
+        return;
+    if ((sidecar >= 0 ? fstat64(sidecar, &ss) : stat64(known.sidecarPath, &ss)) != 0)
+        return;
+    StateOf(&si, &known.image);
+    StateOf(&ss, &known.sidecar);
+    known.size = dev->size;
+    known.generation = dev->generation;
+    known.valid = 1;
 }
 
 static size_t SidecarHeader(const MtdsimDevice *dev, char *out, size_t cap)
@@ -228,6 +284,37 @@ int MtdsimNandPrepare(const MtdsimConfig *cfg, MtdsimDevice *dev)
     return r;
 }
 
+int MtdsimNandOpen(const MtdsimConfig *cfg, uint64_t generation, MtdsimDevice *dev, int keep)
+{
+    const MtdsimRealCalls *real = MtdsimReal();
+    if (known.valid && known.generation == generation) {
+        int fd = real->open(cfg->image, O_RDWR | keep);
+        struct stat64 si, ss;
+        if (fd >= 0 && fstat64(fd, &si) == 0 && SameState(&si, &known.image) &&
+            stat64(known.sidecarPath, &ss) == 0 && SameState(&ss, &known.sidecar)) {
+            memcpy(&dev->cfg, cfg, sizeof *cfg);
+            dev->generation = generation;
+            dev->size = known.size;
+            return fd;
+        }
+        if (fd >= 0)
+            real->close(fd);
+        known.valid = 0;
+    }
+    if (MtdsimNandPrepare(cfg, dev) != 0)
+        return -1;
+    dev->generation = generation;
+    int fd = real->open(cfg->image, O_RDWR | keep);
+    if (fd < 0) {
+        int e = errno;
+        MtdsimReportFile(cfg->image, "cannot open the flash image", e);
+        errno = e;
+        return -1;
+    }
+    Remember(dev, fd, -1);
+    return fd;
+}
+
 void MtdsimNandInfo(const MtdsimDevice *dev, struct mtd_info_user *info)
 {
     memset(info, 0, sizeof *info);
@@ -303,6 +390,7 @@ int MtdsimNandErase(const MtdsimDevice *dev, int fd, uint64_t start, uint64_t le
     int sidecar = OpenSidecar(dev, 0);
     if (sidecar < 0)
         return Failed(dev, op, start, length, EIO, "io");
+    known.valid = 0;
     int r = Fill(fd, start, start + length, 0xFF);
     uint64_t first = start / cfg->writesize, count = length / cfg->writesize;
     for (uint64_t done = 0; r == 0 && done < count;) {
@@ -311,6 +399,8 @@ int MtdsimNandErase(const MtdsimDevice *dev, int fd, uint64_t start, uint64_t le
         done += n;
     }
     int e = errno;
+    if (r == 0)
+        Remember(dev, fd, sidecar);
     MtdsimReal()->close(sidecar);
     errno = e;
     if (r != 0)
@@ -391,10 +481,13 @@ int MtdsimNandProgram(const MtdsimDevice *dev, int fd, int64_t offset, const voi
         MtdsimReal()->close(sidecar);
         return Failed(dev, op, off, length, EIO, "injected");
     }
+    known.valid = 0;
     int r = ProgramBytes(fd, off, data, length);
     if (r == 0)
         r = WriteAll(sidecar, &programmed, 1, state);
     int e = errno;
+    if (r == 0)
+        Remember(dev, fd, sidecar);
     MtdsimReal()->close(sidecar);
     errno = e;
     if (r != 0)

@@ -14,6 +14,7 @@
 /* One opened device: the configuration read at its open and the chip size. */
 typedef struct {
     MtdsimConfig cfg;
+    uint64_t generation;   /* of cfg, as MtdsimConfigCurrent counts them */
     uint64_t size;
 } MtdsimDevice;
 
@@ -22,6 +23,12 @@ typedef struct {
  * the sidecar in line. 0 ready, dev filled; -1 with errno set, after one line
  * on stderr. */
 int MtdsimNandPrepare(const MtdsimConfig *cfg, MtdsimDevice *dev);
+
+/* Opens the image of cfg for a descriptor of the device (O_RDWR and the
+ * open flags in keep), after MtdsimNandPrepare when the image or the sidecar
+ * is not as this process last left or checked them. The descriptor, dev
+ * filled; -1 with errno set, after one line on stderr. */
+int MtdsimNandOpen(const MtdsimConfig *cfg, uint64_t generation, MtdsimDevice *dev, int keep);
 
 /* The MEMGETINFO answer for dev. */
 void MtdsimNandInfo(const MtdsimDevice *dev, struct mtd_info_user *info);
