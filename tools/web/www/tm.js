@@ -15,7 +15,8 @@
   var drawn = { stats: false, chart: false };
 
   function $(id) { return document.getElementById(id); }
-  function text(id, s) { $(id).textContent = s; }
+  // Only a change is written, so that a refresh does not make screen readers repeat the status.
+  function text(id, s) { if ($(id).textContent !== s) $(id).textContent = s; }
 
   function call(method, path, body) {
     var opt = { method: method, cache: 'no-store', credentials: 'same-origin', headers: {} };
