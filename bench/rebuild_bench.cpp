@@ -7,7 +7,16 @@
 //   changed, which the daemon answers only after a full rebuild (and the
 //   publication that ends it). This isolates the rebuild.
 //
+// - BareLoop: what the rebuild of full rings asks of the kernel, done by a
+//   plain loop on the image file without the daemon and without the emulated
+//   NAND: the rebuild reads every page of both rings twice, and per page read
+//   the daemon opens and closes the device (the bad-block check), then opens,
+//   seeks, reads the record and closes. The rebuild's own time is
+//   ZoneChange/both_rings_full less ZoneChange/same_name_no_rebuild.
+//
 //   KVARD_PREFIX=<installed tree> rebuild_bench [--benchmark_repetitions=3]
+//   rebuild_bench --write-image=PATH     writes the full partition to PATH and ends
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -155,6 +164,39 @@ void ZoneChange(benchmark::State &state, bool full, bool rename)
         double(kvard::test::meter::Records(box, false).size() + kvard::test::meter::Records(box, true).size());
 }
 
+void BareLoop(benchmark::State &state)
+{
+    char path[] = "/dev/shm/kvard-bare-loop-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd < 0) {
+        state.SkipWithError("cannot create the image file");
+        return;
+    }
+    const std::string bytes = FullImage().bytes;
+    bool written = write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size());
+    close(fd);
+    if (!written) {
+        unlink(path);
+        state.SkipWithError("cannot write the image file");
+        return;
+    }
+    const uint32_t pages = kvard::test::meter::kMinPages + kvard::test::meter::kHDayPages;
+    char record[40];
+    for (auto _ : state) {
+        for (uint32_t n = 0; n < 2 * pages; n++) {
+            uint32_t page = n % pages;
+            close(open(path, O_RDWR));
+            int d = open(path, O_RDWR);
+            lseek(d, off_t(page) * kvard::test::meter::kPageSize, SEEK_SET);
+            benchmark::DoNotOptimize(read(d, record, sizeof record));
+            close(d);
+        }
+    }
+    unlink(path);
+    state.counters["reads"] = 2 * pages;
+}
+
+BENCHMARK(BareLoop)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ZoneChange, same_name_no_rebuild, false, false)
     ->Iterations(200)
     ->UseManualTime()
@@ -172,4 +214,17 @@ BENCHMARK_CAPTURE(StartToReady, both_rings_full, true)->Iterations(20)->UseManua
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    const std::string option = "--write-image=";
+    if (argc == 2 && std::string(argv[1]).rfind(option, 0) == 0) {
+        std::ofstream out(argv[1] + option.size(), std::ios::binary);
+        out << FullImage().bytes;
+        return out.good() ? 0 : 1;
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

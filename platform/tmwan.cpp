@@ -1,6 +1,7 @@
 #include "platform/tmwan.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "core/tmcore.h"
@@ -38,35 +39,57 @@ static int TmIsBlank(char c)
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
 
+// Reads one number of a line as scanf's %llu (wide) or %u would: blanks, an
+// optional sign, decimal digits, converted by strtoull or strtoul. false
+// (nothing stored) where scanf would stop converting.
+static bool TmScanNumber(const char **text, unsigned long long *wide, unsigned int *narrow)
+{
+    const char *p = *text;
+    while (TmIsBlank(*p)) p++;
+    const char *digits = (*p == '+' || *p == '-') ? p + 1 : p;
+    if (*digits < '0' || *digits > '9') return false;
+    char *end = nullptr;
+    if (wide) *wide = strtoull(p, &end, 10);
+    else *narrow = (unsigned int)strtoul(p, &end, 10);
+    *text = end;
+    return true;
+}
+
 int TmReadNetDevStats(const char *name, TmNetDevStats *stats)
 {
     FILE *file = fopen("/proc/net/dev", "r");
     if (!file) return -1;
+    // A buffer of our own spares stdio the fstat it makes to size one; the
+    // whole file of a router fits.
+    static char buffer[8192];
+    setvbuf(file, buffer, _IOFBF, sizeof buffer);
     char line[1024];
     // Two header lines.
     for (int header = 0; header < 2; header++)
         if (!fgets(line, 1023, file)) break;
-    memset(line, 0, sizeof line);
     while (fgets(line, 1023, file)) {
-        char found[16];
-        memset(found, 0, sizeof found);
         const char *p = line;
         while (TmIsBlank(*p)) p++;
         const char *start = p;
         while (*p && *p != ':' && !TmIsBlank(*p)) p++;
         size_t length = (size_t)(p - start);
         // An empty name, or one of 16 characters or more, is no name at all.
-        if (*p == ':' && length > 0 && length < sizeof found) {
-            memcpy(found, start, length);
-            if (strcmp(found, name) == 0) {
-                sscanf(p + 1, "%llu%llu%u%u%u%u%u%u%llu%llu%u%u%u%u%u%u", &stats->rxBytes, &stats->rxPackets,
-                       &stats->rxErrs, &stats->rxDrop, &stats->rxFifo, &stats->rxFrame, &stats->rxCompressed,
-                       &stats->rxMulticast, &stats->txBytes, &stats->txPackets, &stats->txErrs, &stats->txDrop,
-                       &stats->txFifo, &stats->txColls, &stats->txCarrier, &stats->txCompressed);
-                break;
+        if (*p == ':' && length > 0 && length < 16 && strncmp(start, name, length) == 0 && name[length] == '\0') {
+            // The columns in order; the first that is no number ends the line.
+            p++;
+            unsigned long long *wide[] = {&stats->rxBytes, &stats->rxPackets, &stats->txBytes, &stats->txPackets};
+            unsigned int *narrow[] = {&stats->rxErrs, &stats->rxDrop, &stats->rxFifo,   &stats->rxFrame,
+                                      &stats->rxCompressed, &stats->rxMulticast, &stats->txErrs, &stats->txDrop,
+                                      &stats->txFifo, &stats->txColls, &stats->txCarrier, &stats->txCompressed};
+            // Two wide columns, six narrow ones, and again for the transmit side.
+            for (int column = 0; column < 16; column++) {
+                int half = column / 8, at = column % 8;
+                bool ok = at < 2 ? TmScanNumber(&p, wide[half * 2 + at], nullptr)
+                                 : TmScanNumber(&p, nullptr, narrow[half * 6 + at - 2]);
+                if (!ok) break;
             }
+            break;
         }
-        memset(line, 0, sizeof line);
     }
     fclose(file);
     return 0;

@@ -370,6 +370,11 @@ CmsRet getInstance(MdmObjectId oid, const InstanceIdStack *stack, void **obj)
             free(o);
             o = nullptr;
         }
+        if (o != nullptr && !e->trusted) {
+            // The next read outside this hold reads the file again: no use keeping a copy.
+            *obj = o;
+            return CMSRET_SUCCESS;
+        }
         e->obj = o;
         e->type = type;
     }

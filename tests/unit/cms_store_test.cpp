@@ -107,6 +107,108 @@ TEST(Store, concurrent_readers_never_see_a_half_written_object)
     }
 }
 
+std::string WanType()
+{
+    WanConnectionObject *w = nullptr;
+    if (cmsObj_get(MDMOID_WAN_CONNECTION, &kSingle, 0, reinterpret_cast<void **>(&w)) != CMSRET_SUCCESS) return "(none)";
+    std::string type = w->wanType != nullptr ? w->wanType : "(null)";
+    cmsObj_free(reinterpret_cast<void **>(&w));
+    return type;
+}
+
+std::vector<uint32_t> Rows()
+{
+    std::vector<uint32_t> rows;
+    InstanceIdStack at = EMPTY_INSTANCE_ID_STACK;
+    InterfaceObject *row = nullptr;
+    while (cmsObj_getNextFlags(MDMOID_IFACE, &at, 0, reinterpret_cast<void **>(&row)) == CMSRET_SUCCESS) {
+        rows.push_back(at.instance[0]);
+        cmsObj_free(reinterpret_cast<void **>(&row));
+    }
+    return rows;
+}
+
+// Reads are answered from memory while a file is unchanged; every way another
+// writer can change it shows at the next read: a rewrite in place of the same
+// size within the same tick of the file clock as the read before it, the same
+// once the file had settled, a replacement by rename, a removal. Rows of a
+// table come and go the same way.
+TEST(Store, another_writers_change_is_seen_at_the_next_read)
+{
+    const struct { const char *how; bool settle; } cases[] = {
+        {"in place, at once", false}, {"in place, after a pause", true}, {"rename", false}, {"rename", true},
+        {"remove", true}};
+    for (const auto &c : cases) {
+        TempStore store;
+        store.write("1400", "wanType=DHCP\n");
+        if (c.settle) usleep(120 * 1000);
+        ASSERT_EQ(WanType(), "DHCP");
+        ASSERT_EQ(WanType(), "DHCP") << "read again unchanged";
+        if (c.settle) usleep(120 * 1000);
+        std::string how = c.how;
+        if (how == "rename") {
+            store.write(".new", "wanType=PPTP\n");
+            ASSERT_EQ(rename(store.path(".new").c_str(), store.path("1400").c_str()), 0);
+        } else if (how == "remove") {
+            ASSERT_EQ(unlink(store.path("1400").c_str()), 0);
+        } else {
+            store.write("1400", "wanType=PPTP\n");
+        }
+        EXPECT_EQ(WanType(), how == "remove" ? "(none)" : "PPTP") << how << (c.settle ? ", settled" : "");
+    }
+
+    TempStore store;
+    store.write("1152.2", "ifName=eth0\n");
+    usleep(120 * 1000);
+    EXPECT_EQ(Rows(), std::vector<uint32_t>({2}));
+    EXPECT_EQ(Rows(), std::vector<uint32_t>({2}));
+    store.write("1152.10", "ifName=eth4\n");
+    EXPECT_EQ(Rows(), std::vector<uint32_t>({2, 10}));
+    usleep(120 * 1000);
+    EXPECT_EQ(Rows(), std::vector<uint32_t>({2, 10}));
+    ASSERT_EQ(unlink(store.path("1152.2").c_str()), 0);
+    EXPECT_EQ(Rows(), std::vector<uint32_t>({10}));
+}
+
+// Under one hold of the lock a write is read back as written, and the lines it
+// kept are those of the file as it stood when the hold began.
+TEST(Store, within_one_hold_a_read_sees_the_write_before_it)
+{
+    TempStore store;
+    store.write("1400", "wanType=DHCP\nvendor=1\n");
+    ASSERT_EQ(cmsLck_acquireLockWithTimeoutTraced("test", 1000), CMSRET_SUCCESS);
+    ASSERT_EQ(WanType(), "DHCP");
+    WanConnectionObject w = {MDMOID_WAN_CONNECTION, const_cast<char *>("Static")};
+    ASSERT_EQ(cmsObj_set(&w, &kSingle), CMSRET_SUCCESS);
+    EXPECT_EQ(WanType(), "Static");
+    w.wanType = const_cast<char *>("PPPoE");
+    ASSERT_EQ(cmsObj_set(&w, &kSingle), CMSRET_SUCCESS);
+    cmsLck_releaseLockTraced("test");
+    EXPECT_EQ(store.read("1400"), "wanType=PPPoE\nvendor=1\n");
+    EXPECT_EQ(WanType(), "PPPoE");
+}
+
+// A child of a fork does not share its parent's hold: it competes for the lock
+// like any other process, and cannot release the parent's.
+TEST(Lock, a_forked_child_does_not_share_its_parents_hold)
+{
+    TempStore store;
+    ASSERT_EQ(cmsLck_acquireLockWithTimeoutTraced("parent", 1000), CMSRET_SUCCESS);
+    pid_t child = fork();
+    if (child == 0) {
+        bool timedOut = cmsLck_acquireLockWithTimeoutTraced("child", 50) == CMSRET_TIMED_OUT;
+        _exit(timedOut ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "the child got the lock its parent holds";
+    cmsLck_releaseLockTraced("parent");
+    child = fork();
+    if (child == 0) _exit(cmsLck_acquireLockWithTimeoutTraced("child", 1000) == CMSRET_SUCCESS ? 0 : 1);
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << "the child did not get the lock its parent released";
+}
+
 TEST(Lock, a_lock_held_by_another_process_times_out_after_the_given_milliseconds)
 {
     TempStore store;

@@ -117,6 +117,53 @@ TEST_F(Nand, BadBlocksAndInjectedFailuresRefuseOperationsAndChangeNothing)
     }
 }
 
+// The image and its page states are checked at an open only when they are not
+// as this process left them, and the configuration read only when the
+// environment changed; every change made between two opens is still seen.
+// Letters: R reopen, D delete the page state file, Z erase the whole image
+// from outside, U set an unrelated variable, B make block 0 bad; 0 and 1
+// program pages 0 and 1. Results: . done, F EIO, B bad block.
+TEST_F(Nand, ChangesBetweenOpensAreSeenAtTheNextOpen)
+{
+    const struct { const char *failAfter, *ops, *results; } cases[] = {
+        {"", "0R0", ".F"},           // the page state outlives the descriptor
+        {"", "0DR01", ".F."},        // a lost state file is derived again from the content
+        {"", "0ZR0", ".."},          // an image erased from outside: its pages are blank again
+        {"", "0D0", ".F"},           // lost under an open descriptor: derived at the program
+        {"2", "0R1R0", "..F"},       // the same configuration goes on counting
+        {"2", "0U1UR0", "..F"},      // also when some other variable changed
+        {"", "0BR1", ".B"},          // a changed configuration applies from the next open
+    };
+    for (const auto &c : cases) {
+        setenv("MTDSIM_FAIL_AFTER", c.failAfter, 1);
+        int fd = Open();
+        std::string got, pages = std::string(getenv("MTDSIM_IMAGE")) + ".pages";
+        for (const char *op = c.ops; *op != '\0'; op++) {
+            if (*op == 'R') {
+                close(fd);
+                fd = open("/dev/mtd0", O_RDWR);
+                ASSERT_GE(fd, 0) << c.ops;
+            } else if (*op == 'D') {
+                ASSERT_EQ(unlink(pages.c_str()), 0);
+            } else if (*op == 'Z') {
+                usleep(20 * 1000);   // a later tick of the file clock than the last program
+                std::ofstream(getenv("MTDSIM_IMAGE"), std::ios::in | std::ios::out) << std::string(kSize, '\xFF');
+            } else if (*op == 'U') {
+                setenv("MTDSIM_TEST_UNRELATED", std::to_string(got.size()).c_str(), 1);
+            } else if (*op == 'B') {
+                setenv("MTDSIM_BADBLOCKS", "0", 1);
+            } else {
+                int r = Program(fd, (*op - '0') * kPage, kData);
+                got += r == 0 ? '.' : r == EIO && getenv("MTDSIM_BADBLOCKS") != nullptr ? 'B' : r == EIO ? 'F' : '?';
+            }
+        }
+        close(fd);
+        unsetenv("MTDSIM_BADBLOCKS");
+        EXPECT_EQ(got, c.results) << c.failAfter << " " << c.ops;
+        EXPECT_EQ(access(pages.c_str(), F_OK), 0) << c.ops;
+    }
+}
+
 TEST_F(Nand, APowerCutLeavesAPrefixOfThePageAndKillsTheProcess)
 {
     for (const char *bytes : {"", "40"}) {

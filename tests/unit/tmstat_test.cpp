@@ -176,6 +176,42 @@ int32_t At(const char *text)
     return (int32_t)(timegm(&fields) - offset);
 }
 
+// Every column of the interface's line read as sscanf with the kernel's format
+// would read it, whatever stands in the line: signs, overflow, a column that
+// is no number, a line cut by the 1022-character read.
+TEST(Files, proc_net_dev_columns_read_as_scanf_reads_them)
+{
+    TempStore store;
+    const std::string header = "Inter-|   Receive\n face |bytes\n";
+    std::string longTail(1100, '7');
+    const char *columns[] = {
+        " 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16",
+        "\t+5 -6 +7 -8 9 10 11 12 -13 +14 15 16 17 18 19 20",
+        " 18446744073709551616 99999999999999999999999 4294967296 -1 1 1 1 1 8 8 4294967295 0 0 0 0 0",
+        " 5 6 x 7 8 9 9 9 9 9 9 9 9 9 9 9",      // the third column stops the line: tx stays 0
+        " 5 6 7 8 9 10 11 12 + 13 1 1 1 1 1 1",   // a sign without digits
+        " 5 6 7 8 9 10 11 12 0x1f 13 1 1 1 1 1 1",
+        " 5\v6\f7\r8 9 10 11 12 13 14 15 16 17 18 19 20",
+        "",
+        " 1 2 3 4 5 6 7 8",
+    };
+    for (const char *c : columns) {
+        for (const std::string &tail : {std::string(c), std::string(c) + " " + longTail}) {
+            store.write("dev", header + "eth0.1:" + tail + "\n");
+            TmNetDevStats got, want;
+            memset(&got, 0x55, sizeof got);
+            memset(&want, 0x55, sizeof want);
+            ASSERT_EQ(TmReadNetDevStats("eth0.1", &got), 0);
+            std::string line = ("eth0.1:" + tail).substr(0, 1022);
+            sscanf(line.c_str() + 7, "%llu%llu%u%u%u%u%u%u%llu%llu%u%u%u%u%u%u", &want.rxBytes, &want.rxPackets,
+                   &want.rxErrs, &want.rxDrop, &want.rxFifo, &want.rxFrame, &want.rxCompressed, &want.rxMulticast,
+                   &want.txBytes, &want.txPackets, &want.txErrs, &want.txDrop, &want.txFifo, &want.txColls,
+                   &want.txCarrier, &want.txCompressed);
+            EXPECT_EQ(memcmp(&got, &want, sizeof got), 0) << "columns \"" << c << "\"";
+        }
+    }
+}
+
 TEST(Calendar, half_days_days_weeks_and_the_monthly_period)
 {
     const struct { int32_t (*fn)(int32_t); const char *zone, *in, *out; } cases[] = {
@@ -358,4 +394,36 @@ TEST(Text, the_published_forms)
     EXPECT_STREQ(TmTextRemainder(b, 1000000000ull, 0), "953 M 690 K ");
     EXPECT_STREQ(TmTextRemainder(b, 1000000ull, 0), "976 K ");
     EXPECT_STREQ(TmTextRemainder(b, 3 * 3600 + 5 * 60 + 59, 1), "3:5");
+}
+
+// The hundredths and durations are written without printf; printf is the
+// reference, over counts of every size, exact halves (ties go to even) and
+// negative durations.
+TEST(Text, hundredths_and_durations_as_printf_writes_them)
+{
+    std::mt19937_64 rng(4242);
+    char got[TM_TEXT_SIZE], want[TM_TEXT_SIZE];
+    std::vector<uint64_t> counts = {0, 1, 4999, 5000, 5001, 15000, 25000, 35000, 125000, 375000, 625000, 1000000, 16777217000000ull,
+                                    ~0ull, 1ull << 63};
+    for (int i = 0; i < 200000; i++) counts.push_back(rng() >> (rng() % 64));
+    for (uint64_t bytes : counts) {
+        float mb = (float)bytes;
+        mb = mb / 1000000.0f;
+        snprintf(want, sizeof want, "%.2f", (double)mb);
+        ASSERT_STREQ(TmTextMegabytes(got, bytes), want) << bytes;
+        int64_t elapsed = (int64_t)(rng() % 40000000) - 1000;
+        float days = (float)elapsed;
+        days = days / 86400.0f;
+        if (days < 1.0f) days = 1.0f;
+        float avg = (float)bytes;
+        avg = avg / days;
+        avg = avg / 1000000.0f;
+        snprintf(want, sizeof want, "%.2f", (double)avg);
+        ASSERT_STREQ(TmTextAverage(got, bytes, elapsed), want) << bytes << " over " << elapsed;
+    }
+    for (int32_t seconds : {0, 59, 60, 3599, 3600, 360300, -1, -3600, -86399, INT32_MAX, INT32_MIN}) {
+        snprintf(want, sizeof want, "%2.2lu:%2.2lu", (unsigned long)(uint32_t)(seconds / 3600),
+                 (unsigned long)(uint32_t)(seconds % 3600 / 60));
+        EXPECT_STREQ(TmTextDuration(got, seconds), want) << seconds;
+    }
 }

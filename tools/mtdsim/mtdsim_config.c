@@ -24,26 +24,34 @@ extern char **environ;
 #define SNAPSHOT_ENTRIES 1024
 static char *seen[SNAPSHOT_ENTRIES + 1];
 static char **seenEnviron;
+static size_t seenCount;
 static int seenValid;
 
 static struct {
     const char *device;        /* MTDSIM_DEVICE or the default; valid while seen is */
     int hasImage;
-    int have;                  /* config holds the valid configuration of this environment */
-    MtdsimConfig config;
+    int have;                  /* current is the valid configuration of this environment */
+    const MtdsimConfig *current;
     uint64_t generation;       /* counts the valid configurations met */
 } state;
 
+/* Every configuration met stays: descriptors opened under it go on using it. */
+typedef struct Kept {
+    MtdsimConfig config;
+    struct Kept *older;
+} Kept;
+static Kept *kept;
+
+/* Walks the array only as far as it is the one seen: a shorter array in the
+ * same place (cleared and built again) ends at its own null. */
 static int EnvironmentSame(void)
 {
     if (!seenValid || environ != seenEnviron)
         return 0;
-    for (size_t i = 0;; i++) {
+    for (size_t i = 0; i < seenCount; i++)
         if (environ[i] != seen[i])
             return 0;
-        if (environ[i] == NULL)
-            return 1;
-    }
+    return environ[seenCount] == NULL;
 }
 
 /* Brings the device path and the image's presence in line with the environment. */
@@ -65,6 +73,7 @@ static void Refresh(void)
         seen[i] = environ[i];
     }
     seen[i] = NULL;
+    seenCount = i;
     seenEnviron = environ;
     seenValid = 1;
 }
@@ -214,18 +223,27 @@ const MtdsimConfig *MtdsimConfigCurrent(uint64_t *generation)
     Refresh();
     if (state.have) {
         *generation = state.generation;
-        return &state.config;
+        return state.current;
     }
     static MtdsimConfig fresh;
     if (MtdsimConfigRead(&fresh) != 0)
         return NULL;
-    if (state.generation == 0 || memcmp(&fresh, &state.config, sizeof fresh) != 0) {
-        memcpy(&state.config, &fresh, sizeof fresh);
+    if (state.current == NULL || memcmp(&fresh, state.current, sizeof fresh) != 0) {
+        Kept *k = malloc(sizeof *k);
+        if (k == NULL) {
+            MtdsimReportProblem(fresh.device, "out of memory");
+            errno = ENOMEM;
+            return NULL;
+        }
+        memcpy(&k->config, &fresh, sizeof fresh);
+        k->older = kept;
+        kept = k;
+        state.current = &k->config;
         state.generation++;
     }
     state.have = seenValid;
     *generation = state.generation;
-    return &state.config;
+    return state.current;
 }
 
 int MtdsimConfigIsBadBlock(const MtdsimConfig *cfg, uint32_t block)

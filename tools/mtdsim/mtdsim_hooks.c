@@ -277,7 +277,7 @@ static int Duplicated(int from, int to)
         slot->fd = to;
         trackedCount++;
     } else if (t != NULL) {
-        MtdsimReportProblem(t->dev.cfg.device, "too many descriptors of the device open at once");
+        MtdsimReportProblem(t->dev.cfg->device, "too many descriptors of the device open at once");
         MtdsimReal()->close(to);
         errno = EMFILE;
         return -1;

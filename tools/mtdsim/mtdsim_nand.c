@@ -115,7 +115,7 @@ static int Fill(int fd, uint64_t from, uint64_t to, unsigned char byte)
 
 static void SidecarPath(const MtdsimDevice *dev, char *out, size_t cap)
 {
-    snprintf(out, cap, "%s.pages", dev->cfg.image);
+    snprintf(out, cap, "%s.pages", dev->cfg->image);
 }
 
 /* Notes the image (descriptor image) and the sidecar (descriptor sidecar, or
@@ -138,8 +138,8 @@ static void Remember(const MtdsimDevice *dev, int image, int sidecar)
 
 static size_t SidecarHeader(const MtdsimDevice *dev, char *out, size_t cap)
 {
-    int n = snprintf(out, cap, "mtdsim-pages %u %llu\n", dev->cfg.writesize,
-                     (unsigned long long)(dev->size / dev->cfg.writesize));
+    int n = snprintf(out, cap, "mtdsim-pages %u %llu\n", dev->cfg->writesize,
+                     (unsigned long long)(dev->size / dev->cfg->writesize));
     return (size_t)n;
 }
 
@@ -169,9 +169,10 @@ static int DeriveSidecar(const MtdsimDevice *dev, int image, int sidecar)
     size_t hlen = SidecarHeader(dev, header, sizeof header);
     if (WriteAll(sidecar, header, hlen, 0) != 0)
         return -1;
-    const uint32_t ws = dev->cfg.writesize;
+    const uint32_t ws = dev->cfg->writesize;
     const uint64_t pages = dev->size / ws;
-    unsigned char data[CHUNK];
+    unsigned char data[CHUNK], erased[CHUNK];
+    memset(erased, 0xFF, sizeof erased);
     char states[CHUNK];
     size_t pending = 0;
     uint64_t flushedTo = 0;
@@ -181,9 +182,8 @@ static int DeriveSidecar(const MtdsimDevice *dev, int image, int sidecar)
             size_t n = ws - done < CHUNK ? ws - done : CHUNK;
             if (ReadAll(image, data, n, page * ws + done) != 0)
                 return -1;
-            for (size_t i = 0; i < n; i++)
-                if (data[i] != 0xFF)
-                    state = PAGE_PROGRAMMED;
+            if (memcmp(data, erased, n) != 0)
+                state = PAGE_PROGRAMMED;
             done += (uint32_t)n;
         }
         states[pending++] = state;
@@ -209,7 +209,7 @@ static int SyncSidecar(const MtdsimDevice *dev, int image, int force)
     size_t hlen = SidecarHeader(dev, header, sizeof header);
     struct stat64 si, ss;
     int keep = !force && fstat64(image, &si) == 0 && fstat64(sidecar, &ss) == 0 &&
-               (uint64_t)ss.st_size == hlen + dev->size / dev->cfg.writesize &&
+               (uint64_t)ss.st_size == hlen + dev->size / dev->cfg->writesize &&
                ReadAll(sidecar, found, hlen, 0) == 0 && memcmp(found, header, hlen) == 0 &&
                !Later(&si.st_mtim, &ss.st_mtim);
     int r = keep ? 0 : DeriveSidecar(dev, image, sidecar);
@@ -226,7 +226,7 @@ static int SyncSidecar(const MtdsimDevice *dev, int image, int force)
 
 static int Refused(const MtdsimDevice *dev, const char *why)
 {
-    MtdsimReportProblem(dev->cfg.image, why);
+    MtdsimReportProblem(dev->cfg->image, why);
     errno = EINVAL;
     return -1;
 }
@@ -234,7 +234,7 @@ static int Refused(const MtdsimDevice *dev, const char *why)
 int MtdsimNandPrepare(const MtdsimConfig *cfg, MtdsimDevice *dev)
 {
     const MtdsimRealCalls *real = MtdsimReal();
-    memcpy(&dev->cfg, cfg, sizeof *cfg);
+    dev->cfg = cfg;
     dev->size = 0;
     int fd = real->open(cfg->image, O_RDWR | O_CLOEXEC);
     if (fd < 0 && errno != ENOENT) {
@@ -289,10 +289,9 @@ int MtdsimNandOpen(const MtdsimConfig *cfg, uint64_t generation, MtdsimDevice *d
     const MtdsimRealCalls *real = MtdsimReal();
     if (known.valid && known.generation == generation) {
         int fd = real->open(cfg->image, O_RDWR | keep);
-        struct stat64 si, ss;
-        if (fd >= 0 && fstat64(fd, &si) == 0 && SameState(&si, &known.image) &&
-            stat64(known.sidecarPath, &ss) == 0 && SameState(&ss, &known.sidecar)) {
-            memcpy(&dev->cfg, cfg, sizeof *cfg);
+        struct stat64 si;
+        if (fd >= 0 && fstat64(fd, &si) == 0 && SameState(&si, &known.image)) {
+            dev->cfg = cfg;
             dev->generation = generation;
             dev->size = known.size;
             return fd;
@@ -321,10 +320,10 @@ void MtdsimNandInfo(const MtdsimDevice *dev, struct mtd_info_user *info)
     info->type = MTD_NANDFLASH;
     info->flags = MTD_CAP_NANDFLASH;
     info->size = (uint32_t)dev->size;
-    info->erasesize = dev->cfg.erasesize;
-    info->writesize = dev->cfg.writesize;
+    info->erasesize = dev->cfg->erasesize;
+    info->writesize = dev->cfg->writesize;
     /* large-page chips carry 64 spare bytes per 2048 */
-    info->oobsize = dev->cfg.writesize >= 32 ? dev->cfg.writesize / 32 : 1;
+    info->oobsize = dev->cfg->writesize >= 32 ? dev->cfg->writesize / 32 : 1;
 }
 
 int MtdsimNandIsBad(const MtdsimDevice *dev, int64_t offset)
@@ -333,14 +332,14 @@ int MtdsimNandIsBad(const MtdsimDevice *dev, int64_t offset)
         errno = EINVAL;
         return -1;
     }
-    return MtdsimConfigIsBadBlock(&dev->cfg, (uint32_t)((uint64_t)offset / dev->cfg.erasesize));
+    return MtdsimConfigIsBadBlock(dev->cfg, (uint32_t)((uint64_t)offset / dev->cfg->erasesize));
 }
 
 /* A refusal without misuse (bad block, injected fault): only the log hears of it. */
 static int Failed(const MtdsimDevice *dev, const char *op, uint64_t off, uint64_t len, int err,
                   const char *detail)
 {
-    MtdsimLogOperation(dev->cfg.log, op, off, len, strerrorname_np(err), detail);
+    MtdsimLogOperation(dev->cfg->log, op, off, len, strerrorname_np(err), detail);
     errno = err;
     return -1;
 }
@@ -349,7 +348,7 @@ static int Failed(const MtdsimDevice *dev, const char *op, uint64_t off, uint64_
 static int Misuse(const MtdsimDevice *dev, const char *op, uint64_t off, uint64_t len, int err,
                   const char *detail, const char *why)
 {
-    MtdsimReportMisuse(dev->cfg.device, op, off, why);
+    MtdsimReportMisuse(dev->cfg->device, op, off, why);
     return Failed(dev, op, off, len, err, detail);
 }
 
@@ -363,13 +362,35 @@ static int InjectedFault(const MtdsimConfig *cfg)
 /* An I/O failure on the image or the sidecar: the flash answers EIO. */
 static int Broken(const MtdsimDevice *dev, const char *op, uint64_t off, uint64_t len)
 {
-    MtdsimReportFile(dev->cfg.image, op, errno);
+    MtdsimReportFile(dev->cfg->image, op, errno);
     return Failed(dev, op, off, len, EIO, "io");
+}
+
+/* The sidecar for an erase or program through the image descriptor image.
+ * An open of the device checks only the image (reads need no page states),
+ * so the sidecar is checked here: when it is not the file this process last
+ * left, missing or changed from outside, it is brought in line with the image
+ * first, as an open would have done. -1 (reported) when it cannot be opened. */
+static int OpenCheckedSidecar(const MtdsimDevice *dev, int image)
+{
+    if (known.valid && known.generation == dev->generation) {
+        char path[PATH_MAX + 8];
+        SidecarPath(dev, path, sizeof path);
+        int fd = MtdsimReal()->open(path, O_RDWR | O_CLOEXEC);
+        struct stat64 ss;
+        if (fd >= 0 && fstat64(fd, &ss) == 0 && SameState(&ss, &known.sidecar))
+            return fd;
+        if (fd >= 0)
+            MtdsimReal()->close(fd);
+    }
+    if (SyncSidecar(dev, image, 0) != 0)
+        return -1;
+    return OpenSidecar(dev, 0);
 }
 
 int MtdsimNandErase(const MtdsimDevice *dev, int fd, uint64_t start, uint64_t length)
 {
-    const MtdsimConfig *cfg = &dev->cfg;
+    const MtdsimConfig *cfg = dev->cfg;
     static const char op[] = "erase";
     if (start >= dev->size || length > dev->size - start)
         return Misuse(dev, op, start, length, EINVAL, "past-end", "the range is not inside the chip");
@@ -387,7 +408,7 @@ int MtdsimNandErase(const MtdsimDevice *dev, int fd, uint64_t start, uint64_t le
     size_t hlen = SidecarHeader(dev, header, sizeof header);
     char states[CHUNK];
     memset(states, PAGE_BLANK, sizeof states);
-    int sidecar = OpenSidecar(dev, 0);
+    int sidecar = OpenCheckedSidecar(dev, fd);
     if (sidecar < 0)
         return Failed(dev, op, start, length, EIO, "io");
     known.valid = 0;
@@ -428,7 +449,7 @@ static int ProgramBytes(int fd, uint64_t off, const unsigned char *data, size_t 
 
 int MtdsimNandProgram(const MtdsimDevice *dev, int fd, int64_t offset, const void *data, size_t length)
 {
-    const MtdsimConfig *cfg = &dev->cfg;
+    const MtdsimConfig *cfg = dev->cfg;
     static const char op[] = "program";
     if (offset < 0) {
         errno = EINVAL;
@@ -447,7 +468,7 @@ int MtdsimNandProgram(const MtdsimDevice *dev, int fd, int64_t offset, const voi
     char header[64];
     size_t hlen = SidecarHeader(dev, header, sizeof header);
     uint64_t state = hlen + off / cfg->writesize;
-    int sidecar = OpenSidecar(dev, 0);
+    int sidecar = OpenCheckedSidecar(dev, fd);
     if (sidecar < 0)
         return Failed(dev, op, off, length, EIO, "io");
     char was;

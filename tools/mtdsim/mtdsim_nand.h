@@ -11,9 +11,10 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-/* One opened device: the configuration read at its open and the chip size. */
+/* One opened device: the configuration read at its open (never changed nor
+ * freed: a later configuration is another one) and the chip size. */
 typedef struct {
-    MtdsimConfig cfg;
+    const MtdsimConfig *cfg;
     uint64_t generation;   /* of cfg, as MtdsimConfigCurrent counts them */
     uint64_t size;
 } MtdsimDevice;
