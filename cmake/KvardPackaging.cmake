@@ -3,7 +3,9 @@
 #                manual page, the documentation and whatever else is installed
 #                with COMPONENT daemon (the init scripts); needs the C library only.
 #   kvard-tools  tmctl, kvard-sandbox with its helper and the emulated NAND,
-#                their manual pages and completions.
+#                their manual pages and completions, and the Traffic Meter
+#                page: its CGI program lib/kvard/cgi-bin/tm.cgi and its static
+#                files share/kvard/www/, for a web server to serve.
 # Both are laid out under /usr and built for the build's own architecture, so
 # the cross build makes armhf packages.
 
@@ -58,9 +60,13 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kvard-tools)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "control client and router-in-a-box for the kvard traffic meter
 tmctl talks to kvard, changes its settings and reads its figures and
 flash history; kvard-sandbox runs kvard in a hermetic box with an
-emulated NAND flash and a fake clock.")
+emulated NAND flash and a fake clock. The Traffic Meter page (static
+files and the CGI program tm.cgi) shows the figures, the daily history
+and the settings in a web browser.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "kvard (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "bubblewrap, libfaketime")
+# kvard-sandbox web serves the page with it.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "lighttpd")
 
 if(CMAKE_CROSSCOMPILING)
   set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "libc6 (>= ${kvard_glibc})")

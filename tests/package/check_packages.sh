@@ -73,14 +73,18 @@ else
     [[ $depends == *kvard-tools* ]] && fail "$deb depends on itself: $depends"
     recommends=$(field "$deb" Recommends)
     [ "$recommends" = "bubblewrap, libfaketime" ] || fail "$deb: Recommends '$recommends'"
+    [ "$(field "$deb" Suggests)" = lighttpd ] || fail "$deb: Suggests '$(field "$deb" Suggests)'"
     list=$(files "$deb")
     has "$list" /usr/bin/tmctl /usr/bin/kvard-sandbox /usr/libexec/kvard/sandbox-helper \
         /usr/lib/kvard/libmtdsim.so /usr/share/man/man1/tmctl.1 /usr/share/man/man1/kvard-sandbox.1 \
-        /usr/share/bash-completion/completions/tmctl /usr/share/bash-completion/completions/kvard-sandbox
+        /usr/share/bash-completion/completions/tmctl /usr/share/bash-completion/completions/kvard-sandbox \
+        /usr/lib/kvard/cgi-bin/tm.cgi /usr/share/kvard/www/index.html /usr/share/kvard/www/tm.css \
+        /usr/share/kvard/www/tm.js
     lacks "$list" '^/usr/sbin/|/man8/|^/usr/share/doc/'
     dir=$(mktemp -d)
     dpkg-deb --extract "$deb" "$dir"
-    for f in usr/bin/tmctl usr/bin/kvard-sandbox usr/libexec/kvard/sandbox-helper usr/lib/kvard/libmtdsim.so; do
+    for f in usr/bin/tmctl usr/bin/kvard-sandbox usr/libexec/kvard/sandbox-helper usr/lib/kvard/libmtdsim.so \
+             usr/lib/kvard/cgi-bin/tm.cgi; do
         elf_check "$dir/$f" >/dev/null
     done
     rm -rf "$dir"

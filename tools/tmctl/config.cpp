@@ -248,11 +248,14 @@ struct Problem {
     std::string field, value, message;
     bool stored = false;   // the value was already in the store, not given now
     bool bare = false;     // about the name alone: no value to show
+    std::string via = {};  // the alias that set the field, as written, if any
 };
 
 std::string quoteValue(const Problem &p) { return "'" + p.value + "'" + (p.stored ? " (in the store)" : ""); }
 
-std::string problemLine(const Problem &p) { return p.field + ": " + (p.bare ? "" : quoteValue(p) + " ") + p.message; }
+std::string problemText(const Problem &p) { return (p.bare ? "" : quoteValue(p) + " ") + p.message; }
+
+std::string shownField(const Problem &p) { return p.field + (p.via.empty() ? "" : " (from " + p.via + ")"); }
 
 // What a number that is not plain looks like it meant, for the hint: "; for 50 GB write 50000, or use limit=50GB".
 std::string sizeHint(const std::string &value, const char *alias)
@@ -494,25 +497,31 @@ void takeAssignment(Change *c, const std::string &arg)
         assign(c, "min", std::to_string(m), std::to_string(m), arg);
         assign(c, "ampm_sel", "false", "false", arg, "a 24-hour time");
     } else {
-        c->problems.push_back({name, "", "is no setting (tmctl config --help lists them)", false, true});
+        c->problems.push_back({name, value, "is no setting (tmctl config --help lists them)", false, true});
     }
 }
 
 // ---- the store ----
 
-bool lockStore()
+std::string notInStore()
 {
-    CmsRet ret = cmsLck_acquireLockWithTimeoutTraced("tmctl", kLockTimeoutMs);
-    if (ret == CMSRET_TIMED_OUT)
-        fprintf(stderr, "tmctl: the store lock %s/.lock is held by another process\n", cmsStore_dir());
-    return ret == CMSRET_SUCCESS;   // other failures were reported by the library, naming the lock file
+    return std::string("object 2888 (MDMOID_ORNA_TRAFFIC_METER) is not in the store ") + cmsStore_dir();
 }
 
-bool haveStore()
+// Failures other than a held lock are reported by the library on stderr,
+// naming the lock file; *error stays empty then.
+bool lockStore(std::string *error)
+{
+    CmsRet ret = cmsLck_acquireLockWithTimeoutTraced("tmctl", kLockTimeoutMs);
+    if (ret == CMSRET_TIMED_OUT) *error = std::string("the store lock ") + cmsStore_dir() + "/.lock is held by another process";
+    return ret == CMSRET_SUCCESS;
+}
+
+bool haveStore(std::string *error)
 {
     struct stat st;
     if (stat(cmsStore_dir(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
-    fprintf(stderr, "tmctl: no store at %s (is KVARD_MDM_DIR right?)\n", cmsStore_dir());
+    *error = std::string("no store at ") + cmsStore_dir() + " (is KVARD_MDM_DIR right?)";
     return false;
 }
 
@@ -529,10 +538,10 @@ Settings fieldsOf(const void *obj)
     return s;
 }
 
-// The settings object's fields, read under the lock; 0, or the exit status of the failure.
-int readSettings(Settings *out)
+// The settings object's fields, read under the lock; 0, or the exit status of the failure and *error.
+int readSettings(Settings *out, std::string *error)
 {
-    if (!haveStore() || !lockStore()) return kExitFailed;
+    if (!haveStore(error) || !lockStore(error)) return kExitFailed;
     InstanceIdStack stack = EMPTY_INSTANCE_ID_STACK;
     void *obj = nullptr;
     CmsRet ret = cmsObj_get(MDMOID_ORNA_TRAFFIC_METER, &stack, 0, &obj);
@@ -541,15 +550,18 @@ int readSettings(Settings *out)
         cmsObj_free(&obj);
     }
     cmsLck_releaseLockTraced("tmctl");
-    if (ret == CMSRET_OBJECT_NOT_FOUND)
-        return fail(std::string("object 2888 (MDMOID_ORNA_TRAFFIC_METER) is not in the store ") + cmsStore_dir());
+    if (ret == CMSRET_OBJECT_NOT_FOUND) *error = notInStore();
     return ret == CMSRET_SUCCESS ? kExitOk : kExitFailed;   // other failures were reported by the library
 }
 
 // The clock state kvard reads (object 1045 status); nullopt when unreadable.
 Text clockStatus()
 {
-    if (!lockStore()) return std::nullopt;
+    std::string error;
+    if (!lockStore(&error)) {
+        if (!error.empty()) fprintf(stderr, "tmctl: %s\n", error.c_str());
+        return std::nullopt;
+    }
     InstanceIdStack stack = EMPTY_INSTANCE_ID_STACK;
     void *obj = nullptr;
     Text status;
@@ -637,54 +649,75 @@ std::string meaning(const std::string &name, const Settings &s, const TmConfig &
     return "";
 }
 
+// The settings as stored, what kvard's own reader makes of them, and the problems of the stored object.
+struct Shown {
+    Settings s;
+    TmConfig c{};
+    std::vector<Problem> problems;
+    std::map<std::string, std::string> problemOf;   // field -> its problems' messages, "; " between
+};
+
+int readShown(Shown *out, std::string *error)
+{
+    if (int status = readSettings(&out->s, error); status != kExitOk) return status;
+    if (readConfigQuietly(&out->c) != 0) {
+        *error = std::string("kvard's reader could not read object 2888 in ") + cmsStore_dir();
+        return kExitFailed;
+    }
+    out->problems = checkObject(out->s, {});
+    for (const Problem &p : out->problems)
+        out->problemOf[p.field] += (out->problemOf[p.field].empty() ? "" : "; ") + p.message;
+    return kExitOk;
+}
+
+Json showDocument(Shown &v)
+{
+    const TmConfig &c = v.c;
+    Json j;
+    j["store"] = cmsStore_dir();
+    Json fields = Json::object();
+    for (const FieldRule &f : kFields) {
+        const Text &t = v.s[f.name];
+        fields[f.name] = {{"value", t ? Json(*t) : Json(nullptr)},
+                          {"meaning", meaning(f.name, v.s, c)},
+                          {"problem", v.problemOf.count(f.name) ? Json(v.problemOf[f.name]) : Json(nullptr)}};
+    }
+    j["fields"] = fields;
+    j["config"] = {{"enable", c.enable},
+                   {"roundOff", c.roundOff},
+                   {"resetDay", c.resetDay},
+                   {"resetHour", c.resetHour},
+                   {"resetMinute", c.resetMinute},
+                   {"limitVol", c.limitVol},
+                   {"limitTime", c.limitTime},
+                   {"warnVol", c.warnVol},
+                   {"warnTime", c.warnTime},
+                   {"disconnectLimit", c.disconnectLimit},
+                   {"ledflashLimit", c.ledflashLimit},
+                   {"limitType", c.limitType},
+                   {"limitTypeWords", limitTypeWords(c.limitType)}};
+    j["reset"] = {{"day", c.resetDay}, {"time", hhmm(c.resetHour, c.resetMinute)}};
+    j["problems"] = v.problems.size();
+    return j;
+}
+
 int show(bool json)
 {
-    Settings s;
-    if (int status = readSettings(&s); status != kExitOk) return status;
-    TmConfig c{};
-    if (readConfigQuietly(&c) != 0)
-        return fail(std::string("kvard's reader could not read object 2888 in ") + cmsStore_dir());
-    std::vector<Problem> problems = checkObject(s, {});
-    std::map<std::string, std::string> problemOf;
-    for (const Problem &p : problems) problemOf[p.field] += (problemOf[p.field].empty() ? "" : "; ") + p.message;
-
+    Shown v;
+    std::string error;
+    if (int status = readShown(&v, &error); status != kExitOk) return error.empty() ? status : fail(error);
     if (json) {
-        Json j;
-        j["store"] = cmsStore_dir();
-        Json fields = Json::object();
-        for (const FieldRule &f : kFields) {
-            const Text &v = s[f.name];
-            fields[f.name] = {{"value", v ? Json(*v) : Json(nullptr)},
-                              {"meaning", meaning(f.name, s, c)},
-                              {"problem", problemOf.count(f.name) ? Json(problemOf[f.name]) : Json(nullptr)}};
-        }
-        j["fields"] = fields;
-        j["config"] = {{"enable", c.enable},
-                       {"roundOff", c.roundOff},
-                       {"resetDay", c.resetDay},
-                       {"resetHour", c.resetHour},
-                       {"resetMinute", c.resetMinute},
-                       {"limitVol", c.limitVol},
-                       {"limitTime", c.limitTime},
-                       {"warnVol", c.warnVol},
-                       {"warnTime", c.warnTime},
-                       {"disconnectLimit", c.disconnectLimit},
-                       {"ledflashLimit", c.ledflashLimit},
-                       {"limitType", c.limitType},
-                       {"limitTypeWords", limitTypeWords(c.limitType)}};
-        j["reset"] = {{"day", c.resetDay}, {"time", hhmm(c.resetHour, c.resetMinute)}};
-        j["problems"] = problems.size();
-        printf("%s\n", j.dump(2).c_str());
+        printf("%s\n", showDocument(v).dump(2).c_str());
     } else {
         for (const FieldRule &f : kFields) {
-            const Text &v = s[f.name];
-            std::string left = std::string(f.name) + (v ? "=" + *v : " (absent)");
-            printf("%-34s %s\n", left.c_str(), meaning(f.name, s, c).c_str());
-            if (problemOf.count(f.name)) printf("%-34s ! %s\n", "", problemOf[f.name].c_str());
+            const Text &t = v.s[f.name];
+            std::string left = std::string(f.name) + (t ? "=" + *t : " (absent)");
+            printf("%-34s %s\n", left.c_str(), meaning(f.name, v.s, v.c).c_str());
+            if (v.problemOf.count(f.name)) printf("%-34s ! %s\n", "", v.problemOf[f.name].c_str());
         }
-        if (!problems.empty())
-            printf("\n%zu problem%s: tmctl config set refuses to save until %s fixed.\n", problems.size(),
-                   problems.size() == 1 ? "" : "s", problems.size() == 1 ? "it is" : "they are");
+        if (!v.problems.empty())
+            printf("\n%zu problem%s: tmctl config set refuses to save until %s fixed.\n", v.problems.size(),
+                   v.problems.size() == 1 ? "" : "s", v.problems.size() == 1 ? "it is" : "they are");
     }
     return fflush(stdout) == 0 ? kExitOk : kExitFailed;
 }
@@ -693,65 +726,84 @@ int show(bool json)
 
 std::string shownValue(const Text &t) { return t ? "'" + *t + "'" : "(absent)"; }
 
-// Tells kvard, reports its answer and returns the exit status.
-int notify(int timeoutMs, bool resetMoved)
+// Tells kvard and puts its answer, and the line that reports it, into *r.
+void notify(const ConfigSetOptions &o, bool resetMoved, ConfigSetResult *r)
 {
     const uint16_t kConfigUpdate = 2;   // TM_MSG_CONFIG_UPDATE
-    Exchange ex = exchange(buildDatagram(kConfigUpdate, {}), kPort, timeoutMs);
+    Exchange ex = exchange(buildDatagram(kConfigUpdate, {}), o.port, o.timeoutMs);
+    r->notified = true;
+    r->status = kExitNotApplied;
     if (ex.outcome == Exchange::kRefused || ex.outcome == Exchange::kNoReply) {
-        printf("saved; kvard did not answer (%s on 127.0.0.1:%u): it reads the settings when it starts\n",
-               ex.outcome == Exchange::kRefused ? "nothing listens" : ("no reply within " + std::to_string(timeoutMs) + " ms").c_str(),
-               kPort);
-        return kExitNotApplied;
+        r->message = "saved; kvard did not answer (" +
+                     (ex.outcome == Exchange::kRefused ? std::string("nothing listens")
+                                                       : "no reply within " + std::to_string(o.timeoutMs) + " ms") +
+                     " on 127.0.0.1:" + std::to_string(o.port) + "): it reads the settings when it starts";
+        return;
     }
-    if (ex.outcome != Exchange::kReply || ex.reply.size() != 4)
-        return fail("saved, but kvard could not be told: " +
-                    (ex.outcome == Exchange::kReply ? "a reply of " + std::to_string(ex.reply.size()) + " bytes" : ex.error));
+    if (ex.outcome != Exchange::kReply || ex.reply.size() != 4) {
+        r->status = kExitFailed;
+        r->error = "saved, but kvard could not be told: " +
+                   (ex.outcome == Exchange::kReply ? "a reply of " + std::to_string(ex.reply.size()) + " bytes" : ex.error);
+        return;
+    }
     int32_t word = replyWord(ex.reply.data());
+    r->reply = word;
     if (word == 1) {
-        printf("applied: kvard took the new settings\n");
-        return kExitOk;
+        r->status = kExitOk;
+        r->applied = true;
+        r->message = "applied: kvard took the new settings";
+        return;
     }
-    if (word != 0) return fail("saved, but kvard answered " + std::to_string(word) + " to the update");
+    if (word != 0) {
+        r->status = kExitFailed;
+        r->error = "saved, but kvard answered " + std::to_string(word) + " to the update";
+        return;
+    }
     Text clock = clockStatus();
-    if (resetMoved && clock && *clock != "Synchronized") {
-        printf("saved; kvard answered 0: the clock is not synchronised (object 1045 status '%s'). The new settings\n"
-               "are in force; the period moves to the new reset moment once the clock is set.\n",
-               clock->c_str());
-    } else {
-        printf("saved; kvard answered 0: it could not read the settings (see its output)\n");
-    }
-    return kExitNotApplied;
+    if (resetMoved && clock && *clock != "Synchronized")
+        r->message = "saved; kvard answered 0: the clock is not synchronised (object 1045 status '" + *clock +
+                     "'). The new settings\nare in force; the period moves to the new reset moment once the clock is set.";
+    else
+        r->message = "saved; kvard answered 0: it could not read the settings (see its output)";
 }
 
-int set(const std::vector<std::string> &assignments, bool dryRun, bool notifyDaemon, int timeoutMs)
+}  // namespace
+
+int configDocument(Json *doc, std::string *error)
 {
-    if (assignments.empty()) return usage("config set: which NAME=VALUE?");
+    Shown v;
+    int status = readShown(&v, error);
+    if (status == kExitOk) *doc = showDocument(v);
+    return status;
+}
+
+ConfigSetResult configSet(const std::vector<std::string> &assignments, const ConfigSetOptions &o)
+{
+    ConfigSetResult r;
     Change change;
     for (const std::string &a : assignments) takeAssignment(&change, a);
-    if (!haveStore()) return kExitFailed;
+    if (!haveStore(&r.error)) return r;
 
     TmConfig before{};
-    bool haveBefore = !dryRun && readConfigQuietly(&before) == 0;
+    bool haveBefore = !o.dryRun && readConfigQuietly(&before) == 0;
 
-    if (!lockStore()) return kExitFailed;
+    if (!lockStore(&r.error)) return r;
     InstanceIdStack stack = EMPTY_INSTANCE_ID_STACK;
     void *obj = nullptr;
     CmsRet ret = cmsObj_get(MDMOID_ORNA_TRAFFIC_METER, &stack, 0, &obj);
     if (ret != CMSRET_SUCCESS) {
         cmsLck_releaseLockTraced("tmctl");
-        if (ret == CMSRET_OBJECT_NOT_FOUND)
-            return fail(std::string("object 2888 (MDMOID_ORNA_TRAFFIC_METER) is not in the store ") + cmsStore_dir());
-        return kExitFailed;   // reported by the library, naming the file
+        if (ret == CMSRET_OBJECT_NOT_FOUND) r.error = notInStore();
+        return r;   // otherwise reported by the library, naming the file
     }
     Settings old = fieldsOf(obj), next = old;
     for (const auto &[field, value] : change.values) next[field] = value;
     std::vector<Problem> problems = change.problems;
     for (Problem p : checkObject(next, change.given)) {
-        if (!p.stored && change.via.count(p.field)) p.field += " (from " + change.via[p.field] + ")";
+        if (!p.stored && change.via.count(p.field)) p.via = change.via[p.field];
         problems.push_back(p);
     }
-    if (problems.empty() && !dryRun) {
+    if (problems.empty() && !o.dryRun) {
         const CmsObjectType *type = cmsFields_find(MDMOID_ORNA_TRAFFIC_METER);
         for (const auto &[field, value] : change.values) {
             char **slot = cmsFields_string(obj, cmsFields_field(type, field.data(), field.size()));
@@ -764,34 +816,56 @@ int set(const std::vector<std::string> &assignments, bool dryRun, bool notifyDae
     cmsLck_releaseLockTraced("tmctl");
 
     if (!problems.empty()) {
-        for (const Problem &p : problems) fprintf(stderr, "tmctl: %s\n", problemLine(p).c_str());
-        fprintf(stderr, "tmctl: nothing written (%zu problem%s)\n", problems.size(), problems.size() == 1 ? "" : "s");
-        return kExitUsage;
+        r.status = kExitUsage;
+        for (const Problem &p : problems) r.problems.push_back({p.field, shownField(p), p.value, problemText(p)});
+        return r;
     }
-    if (ret != CMSRET_SUCCESS) return fail("the settings were not written (see above); nothing changed");
-
-    int changed = 0;
+    if (ret != CMSRET_SUCCESS) {
+        r.error = "the settings were not written (see above); nothing changed";
+        return r;
+    }
+    r.status = kExitOk;
     for (const FieldRule &f : kFields) {
         if (!change.values.count(f.name)) continue;
         const Text &was = old[f.name], &now = next[f.name];
-        std::string note = change.notes.count(f.name) ? "  (" + change.notes[f.name] + ")" : "";
         if (was == now) continue;
-        printf("%s: %s -> %s%s\n", f.name, shownValue(was).c_str(), shownValue(now).c_str(), note.c_str());
-        changed++;
+        r.changes.push_back({f.name, was, now, change.notes.count(f.name) ? change.notes[f.name] : ""});
     }
-    if (changed == 0) printf("no field changes\n");
-    if (dryRun) {
-        printf("nothing written (--dry-run)\n");
-        return kExitOk;
+    if (o.dryRun) {
+        r.message = "nothing written (--dry-run)";
+        return r;
     }
-    if (!notifyDaemon) {
-        printf("saved; kvard not told (--no-notify): it reads the settings at the next update or start\n");
-        return kExitOk;
+    if (!o.notify) {
+        r.message = "saved; kvard not told (--no-notify): it reads the settings at the next update or start";
+        return r;
     }
     TmConfig after{};
     bool resetMoved = !haveBefore || readConfigQuietly(&after) != 0 || before.resetDay != after.resetDay ||
                       before.resetHour != after.resetHour || before.resetMinute != after.resetMinute;
-    return notify(timeoutMs, resetMoved);
+    notify(o, resetMoved, &r);
+    return r;
+}
+
+namespace {
+
+int set(const std::vector<std::string> &assignments, const ConfigSetOptions &o)
+{
+    if (assignments.empty()) return usage("config set: which NAME=VALUE?");
+    ConfigSetResult r = configSet(assignments, o);
+    if (r.status == kExitUsage) {
+        for (const ConfigProblem &p : r.problems) fprintf(stderr, "tmctl: %s: %s\n", p.shownField.c_str(), p.text.c_str());
+        fprintf(stderr, "tmctl: nothing written (%zu problem%s)\n", r.problems.size(), r.problems.size() == 1 ? "" : "s");
+        return kExitUsage;
+    }
+    // An empty error: the store library has said what failed.
+    if (!r.notified && r.status == kExitFailed) return r.error.empty() ? kExitFailed : fail(r.error);
+    for (const ConfigChange &c : r.changes)
+        printf("%s: %s -> %s%s\n", c.field.c_str(), shownValue(c.old).c_str(), shownValue(c.now).c_str(),
+               c.note.empty() ? "" : ("  (" + c.note + ")").c_str());
+    if (r.changes.empty()) printf("no field changes\n");
+    if (!r.error.empty()) return fail(r.error);
+    printf("%s\n", r.message.c_str());
+    return r.status;
 }
 
 bool parseTimeout(const std::string &text, int *ms)
@@ -839,7 +913,7 @@ int configCommand(const std::vector<std::string> &args)
     }
     if (operands[0] == "set") {
         if (json) return usage("config set does not take --json");
-        return set(std::vector<std::string>(operands.begin() + 1, operands.end()), dryRun, notifyDaemon, timeoutMs);
+        return set(std::vector<std::string>(operands.begin() + 1, operands.end()), {dryRun, notifyDaemon, timeoutMs, kPort});
     }
     return usage("config: unknown command '" + operands[0] + "' (show or set)");
 }

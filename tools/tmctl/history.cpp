@@ -419,30 +419,60 @@ struct Rebuilt {
 };
 
 // The partition read, the settings taken and kvard's start replayed at the
-// moment asked for; a failure is reported on stderr and its status returned.
-int rebuild(const Options &o, Rebuilt *r)
+// moment asked for; 0, or the failure's status and *error.
+int rebuild(const Options &o, Rebuilt *r, std::string *error)
 {
     TmConfig *config = &r->config;
     TmStatistic *s = &r->s;
     int32_t *now = &r->now;
-    std::string error;
     FlashScan scan;
-    int status = scanFlash(o.path, o.flash, &scan, &error);
-    if (status == kExitOk) status = loadPartition(scan, &error);
-    if (status == kExitOk) status = readSettings(o, config, &error);
-    if (status != kExitOk) {
-        fprintf(stderr, "tmctl: %s\n", error.c_str());
-        return status;
-    }
+    int status = scanFlash(o.path, o.flash, &scan, error);
+    if (status == kExitOk) status = loadPartition(scan, error);
+    if (status == kExitOk) status = readSettings(o, config, error);
+    if (status != kExitOk) return status;
     *now = o.haveAt ? o.at : (int32_t)time(nullptr);
     setHistoryClock(*now);
     setManualResetFile(o.haveManual ? o.manualFile : scan.geometry.device ? TM_RESTART_TIME_FILE : "");
-    status = replayStart(*config, s, &error);
-    if (status != kExitOk) fprintf(stderr, "tmctl: %s: %s\n", o.path.c_str(), error.c_str());
+    status = replayStart(*config, s, error);
+    if (status != kExitOk) *error = o.path + ": " + *error;
     return status;
 }
 
+// As rebuild, with a failure reported on stderr.
+int rebuildOrSay(const Options &o, Rebuilt *r)
+{
+    std::string error;
+    int status = rebuild(o, r, &error);
+    if (status != kExitOk) fprintf(stderr, "tmctl: %s\n", error.c_str());
+    return status;
+}
+
+nlohmann::json document(const Options &o, const Rebuilt &rebuilt, const std::vector<Row> &fixed, const std::vector<Row> &rows)
+{
+    const TmStatistic &s = rebuilt.s;
+    nlohmann::json doc = {{"source", o.path}, {"at", rebuilt.now}, {"at_local", localTime(rebuilt.now)},
+                          {"period_start", s.start_data_time}, {"period_next", s.next_data_time},
+                          {"manual_reset", s.manualTime}, {"unit", unitName(o.unit)}};
+    for (const Row &r : fixed) doc["periods"][r.label] = rowJson(r);
+    doc["rows"] = nlohmann::json::array();
+    for (const Row &r : rows) doc["rows"].push_back(rowJson(r));
+    return doc;
+}
+
 }  // namespace
+
+int historyDaysDocument(const std::string &path, const std::optional<std::string> &manualResetFile,
+                        nlohmann::json *doc, std::string *error)
+{
+    Options o;
+    o.path = path;
+    o.haveManual = manualResetFile.has_value();
+    o.manualFile = manualResetFile.value_or("");
+    Rebuilt r;
+    int status = rebuild(o, &r, error);
+    if (status == kExitOk) *doc = document(o, r, periods(r.s), table(o.unit, r.config, r.now));
+    return status;
+}
 
 int historyCommand(const std::vector<std::string> &args)
 {
@@ -451,20 +481,14 @@ int historyCommand(const std::vector<std::string> &args)
     if (status == -1) return kExitOk;
     if (status != kExitOk) return status;
     Rebuilt r;
-    if ((status = rebuild(o, &r)) != kExitOk) return status;
+    if ((status = rebuildOrSay(o, &r)) != kExitOk) return status;
     const TmStatistic &s = r.s;
     const int32_t now = r.now;
     const std::vector<Row> fixed = periods(s);
     const std::vector<Row> rows = table(o.unit, r.config, now);
 
     if (o.format == Format::Json) {
-        nlohmann::json doc = {{"source", o.path}, {"at", now}, {"at_local", localTime(now)},
-                              {"period_start", s.start_data_time}, {"period_next", s.next_data_time},
-                              {"manual_reset", s.manualTime}, {"unit", unitName(o.unit)}};
-        for (const Row &r : fixed) doc["periods"][r.label] = rowJson(r);
-        doc["rows"] = nlohmann::json::array();
-        for (const Row &r : rows) doc["rows"].push_back(rowJson(r));
-        printf("%s\n", doc.dump(2).c_str());
+        printf("%s\n", document(o, r, fixed, rows).dump(2).c_str());
     } else if (o.format == Format::Csv) {
         printf("period,start,end,start_local,upload,download,conntime\n");
         auto line = [](const std::string &label, const Row &r) {
@@ -545,7 +569,7 @@ int chartCommand(const std::vector<std::string> &args)
     if (status == -1) return kExitOk;
     if (status != kExitOk) return status;
     Rebuilt r;
-    if ((status = rebuild(o, &r)) != kExitOk) return status;
+    if ((status = rebuildOrSay(o, &r)) != kExitOk) return status;
     const TmConfig &config = r.config;
     const int32_t now = r.now;
     const std::vector<Row> rows = table(Unit::Days, config, now);

@@ -3,8 +3,11 @@
 #ifndef KVARD_TMCTL_HISTORY_H
 #define KVARD_TMCTL_HISTORY_H
 
+#include <optional>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace tmctl {
 
@@ -12,6 +15,10 @@ namespace tmctl {
 int historyCommand(const std::vector<std::string> &args);
 // "tmctl chart ARGS...": the daily use of the last days as a picture; returns the exit status.
 int chartCommand(const std::vector<std::string> &args);
+// The document of "tmctl history PATH --days --json", with --manual-reset FILE
+// when one is given, at the moment time() answers; 0, or the status and *error.
+int historyDaysDocument(const std::string &path, const std::optional<std::string> &manualResetFile,
+                        nlohmann::json *doc, std::string *error);
 
 }  // namespace tmctl
 

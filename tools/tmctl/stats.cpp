@@ -94,20 +94,20 @@ void copyFields(const CmsObjectType *type, const void *obj, std::vector<std::pai
     }
 }
 
-bool lockStore()
+// The figures, the limit state and the settings; 0, or kExitFailed and *error
+// (empty when the store library has reported the failure on stderr).
+int readSnapshot(Snapshot *snap, std::string *error)
 {
-    CmsRet ret = cmsLck_acquireLockWithTimeoutTraced("tmctl", kLockTimeoutMs);
-    if (ret == CMSRET_TIMED_OUT)
-        fprintf(stderr, "tmctl: the store lock %s/.lock is held by another process\n", cmsStore_dir());
-    return ret == CMSRET_SUCCESS;   // other failures were reported by the library, naming the lock file
-}
-
-int readSnapshot(Snapshot *snap)
-{
+    auto failed = [error](const std::string &why) {
+        *error = why;
+        return kExitFailed;
+    };
     struct stat st;
     if (stat(cmsStore_dir(), &st) != 0 || !S_ISDIR(st.st_mode))
-        return fail(std::string("no store at ") + cmsStore_dir() + " (is KVARD_MDM_DIR right?)");
-    if (!lockStore()) return kExitFailed;
+        return failed(std::string("no store at ") + cmsStore_dir() + " (is KVARD_MDM_DIR right?)");
+    CmsRet lock = cmsLck_acquireLockWithTimeoutTraced("tmctl", kLockTimeoutMs);
+    if (lock == CMSRET_TIMED_OUT) return failed(std::string("the store lock ") + cmsStore_dir() + "/.lock is held by another process");
+    if (lock != CMSRET_SUCCESS) return kExitFailed;   // reported by the library, naming the lock file
     InstanceIdStack stack = EMPTY_INSTANCE_ID_STACK;
     void *stat = nullptr, *settings = nullptr;
     CmsRet statRet = cmsObj_get(MDMOID_ORNA_TRAFFIC_METER_STATISTICS, &stack, 0, &stat);
@@ -126,15 +126,15 @@ int readSnapshot(Snapshot *snap)
     for (auto [ret, oid, name] : {std::tuple{statRet, 2889, "MDMOID_ORNA_TRAFFIC_METER_STATISTICS"},
                                   std::tuple{settingsRet, 2888, "MDMOID_ORNA_TRAFFIC_METER"}}) {
         if (ret == CMSRET_OBJECT_NOT_FOUND)
-            return fail("object " + std::to_string(oid) + " (" + name + ") is not in the store " + cmsStore_dir() +
+            return failed("object " + std::to_string(oid) + " (" + name + ") is not in the store " + cmsStore_dir() +
                         (oid == 2889 ? " (has kvard run?)" : ""));
         if (ret != CMSRET_SUCCESS) return kExitFailed;   // reported by the library, naming the file
     }
     // The runner seeds an empty statistics object; kvard fills it at its start.
     if (!field(*snap, "current_data_time") || !field(*snap, "start_data_time"))
-        return fail(std::string("kvard has published no statistics in ") + cmsStore_dir() + " yet (is it running?)");
+        return failed(std::string("kvard has published no statistics in ") + cmsStore_dir() + " yet (is it running?)");
     if (readConfigQuietly(&snap->config) != 0)
-        return fail(std::string("cannot read the settings (object 2888) in ") + cmsStore_dir());
+        return failed(std::string("cannot read the settings (object 2888) in ") + cmsStore_dir());
     return kExitOk;
 }
 
@@ -386,7 +386,7 @@ Json moment(const Text &t)
     return {{"text", *t}, {"local", local ? Json(*local) : Json(nullptr)}};
 }
 
-void printJson(const Snapshot &s)
+Json document(const Snapshot &s)
 {
     const TmConfig &c = s.config;
     Json j;
@@ -438,7 +438,7 @@ void printJson(const Snapshot &s)
     Json published = Json::object();
     for (const auto &[name, value] : s.stat) published[name] = textOrNull(value);
     j["published"] = published;
-    printf("%s\n", j.dump(2).c_str());
+    return j;
 }
 
 void printOneline(const Snapshot &s)
@@ -480,6 +480,14 @@ void printOneline(const Snapshot &s)
 }
 
 }  // namespace
+
+int statsDocument(nlohmann::ordered_json *doc, std::string *error)
+{
+    Snapshot snap;
+    int status = readSnapshot(&snap, error);
+    if (status == kExitOk) *doc = document(snap);
+    return status;
+}
 
 // bcm_dm_ReadConfig prints the settings on stdout, as the daemon's console
 // line; here that line would mix with the output, so stdout is muted meanwhile.
@@ -544,9 +552,10 @@ int statsCommand(const std::vector<std::string> &args)
     if (optind < (int)storage.size()) return usage(std::string("stats: unexpected argument '") + argv[optind] + "'");
 
     Snapshot snap;
-    if (int status = readSnapshot(&snap); status != kExitOk) return status;
+    std::string error;
+    if (int status = readSnapshot(&snap, &error); status != kExitOk) return error.empty() ? status : fail(error);
     if (format == kJson)
-        printJson(snap);
+        printf("%s\n", document(snap).dump(2).c_str());
     else if (format == kOneline)
         printOneline(snap);
     else

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 struct TmConfig;
 
 namespace tmctl {
@@ -18,6 +20,9 @@ enum { kAlertWarning = 10, kAlertLimit = 11, kAlertWanDown = 12 };
 int readConfigQuietly(TmConfig *config);
 // "tmctl stats ARGS..."; returns the exit status.
 int statsCommand(const std::vector<std::string> &args);
+// The document of "tmctl stats --json"; 0, or the exit status and *error
+// (empty when the store library has reported the failure on stderr).
+int statsDocument(nlohmann::ordered_json *doc, std::string *error);
 
 }  // namespace tmctl
 
