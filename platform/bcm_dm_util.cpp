@@ -95,7 +95,14 @@ uint32_t bcm_dm_GetWanIfName(char *buffer)
             int upstream = ifc->isUpstream == 1;
             // The buffer has room for a 13-character name and ".1"; a longer
             // name is cut rather than written past the buffer.
-            if (upstream) snprintf(buffer, 16, "%s.1", TmText(ifc->ifName));
+            if (upstream) {
+                // "<name>.1", cut to 15 characters as snprintf(buffer, 16, ...) cuts it.
+                const char *name = TmText(ifc->ifName);
+                size_t n = strnlen(name, 15);
+                memcpy(buffer, name, n);
+                for (const char *s = ".1"; *s != '\0' && n < 15; s++) buffer[n++] = *s;
+                buffer[n] = '\0';
+            }
             cmsObj_free((void **)&ifc);
             if (upstream) break;
         }

@@ -48,6 +48,17 @@ static bool TmScanNumber(const char **text, unsigned long long *wide, unsigned i
     while (TmIsBlank(*p)) p++;
     const char *digits = (*p == '+' || *p == '-') ? p + 1 : p;
     if (*digits < '0' || *digits > '9') return false;
+    // The usual column, unsigned and too short to overflow even a 32-bit
+    // long, needs no library call.
+    unsigned long long v = 0;
+    const char *q = p;
+    while (*q >= '0' && *q <= '9' && q - p < 9) v = v * 10 + (unsigned long long)(*q++ - '0');
+    if (digits == p && (*q < '0' || *q > '9')) {
+        if (wide) *wide = v;
+        else *narrow = (unsigned int)v;
+        *text = q;
+        return true;
+    }
     char *end = nullptr;
     if (wide) *wide = strtoull(p, &end, 10);
     else *narrow = (unsigned int)strtoul(p, &end, 10);

@@ -438,7 +438,15 @@ static int ProgramBytes(int fd, uint64_t off, const unsigned char *data, size_t 
         size_t k = n - done < CHUNK ? n - done : CHUNK;
         if (ReadAll(fd, cells, k, off + done) != 0)
             return -1;
-        for (size_t i = 0; i < k; i++)
+        size_t i = 0;
+        for (; i + sizeof(uint64_t) <= k; i += sizeof(uint64_t)) { /* a word at a time */
+            uint64_t have, give;
+            memcpy(&have, cells + i, sizeof have);
+            memcpy(&give, data + done + i, sizeof give);
+            have &= give;
+            memcpy(cells + i, &have, sizeof have);
+        }
+        for (; i < k; i++)
             cells[i] &= data[done + i];
         if (WriteAll(fd, cells, k, off + done) != 0)
             return -1;
