@@ -277,7 +277,7 @@ TEST(WebCgi, a_bad_value_is_refused_naming_field_and_value_and_nothing_is_writte
         {"day", {{"day", "", "needs a value"}}},
         {"day=5&day=6", {{"day", "6", "is a second value for day in this command (first '5')"}}},
         {"day=%zz", {{"day", "%zz", "is not URL-encoded"}}},
-        {"da%2=5", {{"da%2", "5", "is not URL-encoded"}}},
+        {"da%2=5", {{"da%2", "5", "the name 'da%2' is not URL-encoded"}}},
         {"counter=a%00b", {{"counter", "a%00b", "NUL"}}},
         {"day%3D5=6", {{"day=5", "6", "is no setting"}}},
         {"counter=a%0Ab", {{"counter", "a\nb", "control character"}}},

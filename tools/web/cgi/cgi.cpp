@@ -43,6 +43,19 @@ std::string trimmed(const std::string &s)
     return from == std::string::npos ? "" : s.substr(from, to - from + 1);
 }
 
+// The pieces of TEXT between SEPARATORs, empty ones left out.
+std::vector<std::string> pieces(const std::string &text, char separator)
+{
+    std::vector<std::string> out;
+    for (size_t at = 0; at <= text.size();) {
+        size_t end = text.find(separator, at);
+        if (end == std::string::npos) end = text.size();
+        if (end > at) out.push_back(text.substr(at, end - at));
+        at = end + 1;
+    }
+    return out;
+}
+
 int hexDigit(char c)
 {
     if (c >= '0' && c <= '9') return c - '0';
@@ -87,7 +100,7 @@ void writeResponse(const Response &r)
     if (r.status != 200) head += "Status: " + std::to_string(r.status) + " " + reason(r.status) + "\r\n";
     head += "Content-Type: application/json\r\nCache-Control: no-store\r\nX-Content-Type-Options: nosniff\r\n";
     for (const std::string &h : r.headers) head += h + "\r\n";
-    std::string body = r.strictText ? r.body.dump(2) : r.body.dump(2, ' ', false, Json::error_handler_t::replace);
+    std::string body = r.body.dump(2, ' ', false, Json::error_handler_t::replace);
     fputs((head + "\r\n" + body + "\n").c_str(), stdout);
     fflush(stdout);
 }
@@ -97,7 +110,6 @@ Response refusal(int status, const std::string &message)
     Response r;
     r.status = status;
     r.body = {{"ok", false}, {"error", message}};
-    r.strictText = false;
     return r;
 }
 
@@ -109,15 +121,9 @@ std::string env(const char *name)
 
 std::optional<std::string> sessionCookie()
 {
-    const std::string cookies = env("HTTP_COOKIE");
-    size_t at = 0;
-    while (at < cookies.size()) {
-        size_t end = cookies.find(';', at);
-        if (end == std::string::npos) end = cookies.size();
-        std::string piece = trimmed(cookies.substr(at, end - at));
-        size_t eq = piece.find('=');
-        if (eq != std::string::npos && trimmed(piece.substr(0, eq)) == "tm_session") return trimmed(piece.substr(eq + 1));
-        at = end + 1;
+    for (const std::string &cookie : pieces(env("HTTP_COOKIE"), ';')) {
+        size_t eq = cookie.find('=');
+        if (eq != std::string::npos && trimmed(cookie.substr(0, eq)) == "tm_session") return trimmed(cookie.substr(eq + 1));
     }
     return std::nullopt;
 }
@@ -190,23 +196,19 @@ std::optional<std::string> readBody(size_t length, std::string *error)
 std::vector<FormPair> parseForm(const std::string &body)
 {
     std::vector<FormPair> pairs;
-    size_t at = 0;
-    while (at <= body.size()) {
-        size_t end = body.find('&', at);
-        if (end == std::string::npos) end = body.size();
-        std::string raw = body.substr(at, end - at);
-        at = end + 1;
-        if (raw.empty()) continue;
+    for (const std::string &raw : pieces(body, '&')) {
         FormPair p;
-        p.raw = raw;
         size_t eq = raw.find('=');
         p.hasValue = eq != std::string::npos;
         std::string rawName = raw.substr(0, eq), rawValue = p.hasValue ? raw.substr(eq + 1) : "";
-        if (!decode(rawName, &p.name, &p.error)) {
+        std::string why;
+        if (!decode(rawName, &p.name, &why)) {
             p.name = rawName;
             p.value = rawValue;
-        } else if (!decode(rawValue, &p.value, &p.error)) {
+            p.error = "the name '" + rawName + "' " + why;
+        } else if (!decode(rawValue, &p.value, &why)) {
             p.value = rawValue;
+            p.error = "'" + rawValue + "' " + why;
         } else if (p.name.find('=') != std::string::npos) {
             p.error = "is no setting: a name holds no '='";
         }

@@ -22,10 +22,11 @@ struct Response {
     int status = 200;
     std::vector<std::string> headers;   // "Name: value", after Content-Type and Cache-Control
     Json body;
-    bool strictText = true;   // false: bytes that are not UTF-8 (echoed from a request) become U+FFFD
 };
 
-// The document and its headers on stdout, as a CGI response.
+// The document and its headers on stdout, as a CGI response. Text that is not
+// UTF-8 (a value echoed from a request, a byte in the store) is written with
+// U+FFFD in its place; every other document is exactly what dump(2) gives.
 void writeResponse(const Response &r);
 // {"ok":false,"error":MESSAGE} with STATUS.
 Response refusal(int status, const std::string &message);
@@ -52,10 +53,9 @@ std::optional<unsigned long long> contentLength();
 
 // One NAME=VALUE pair of an application/x-www-form-urlencoded body.
 struct FormPair {
-    std::string name, value;   // decoded
+    std::string name, value;   // decoded; as sent when they cannot be
     bool hasValue = true;      // "NAME" without "="
-    std::string raw;           // as sent
-    std::string error;         // why it cannot be decoded; empty when it can
+    std::string error;         // why the pair cannot be taken, naming what is wrong; empty when it can
 };
 
 // The pairs of BODY in order; empty pieces between "&" are skipped.

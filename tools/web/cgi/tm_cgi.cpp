@@ -128,7 +128,6 @@ Response unprocessable(const Json &errors, const std::string &message)
 {
     Response r;
     r.status = 422;
-    r.strictText = false;
     r.body = {{"ok", false}, {"errors", errors}, {"message", message}};
     return r;
 }
@@ -140,7 +139,7 @@ Response setConfig(const std::string &body, uint16_t port)
     std::vector<std::string> assignments;
     for (const FormPair &p : pairs) {
         if (!p.error.empty())
-            errors.push_back(problemJson(p.name, p.value, "'" + p.value + "' " + p.error));
+            errors.push_back(problemJson(p.name, p.value, p.error));
         else
             assignments.push_back(p.hasValue ? p.name + "=" + p.value : p.name);
     }
@@ -163,7 +162,6 @@ Response setConfig(const std::string &body, uint16_t port)
                            {"old", c.old ? Json(*c.old) : Json(nullptr)},
                            {"new", c.now ? Json(*c.now) : Json(nullptr)}});
     Response r;
-    r.strictText = false;
     r.body = {{"ok", true},
               {"changes", changes},
               {"applied", result.applied},
@@ -177,10 +175,7 @@ Response reset(const std::string &body, uint16_t port)
     std::vector<FormPair> pairs = parseForm(body);
     bool confirmed = pairs.empty() || (pairs.size() == 1 && pairs[0].error.empty() && pairs[0].name == "confirm" &&
                                        pairs[0].value == "1");
-    if (!confirmed) {
-        Response r = refusal(422, "a reset takes no fields but confirm=1; nothing was reset");
-        return r;
-    }
+    if (!confirmed) return refusal(422, "a reset takes no fields but confirm=1; nothing was reset");
     tmctl::Exchange ex = tmctl::exchange(tmctl::buildDatagram(kResetCounter, {}), port, kReplyTimeoutMs);
     std::string where = "127.0.0.1:" + std::to_string(port);
     Response r;
