@@ -468,6 +468,9 @@ class PageTest(unittest.TestCase):
                     self.stats()))
                 self.wait_refreshes()
                 self.assertEqual(self.text('status-words'), s['status']['words'])
+                if state != 'ok':
+                    since = s['warningTime' if state == 'warn' else 'limitedTime']
+                    self.assertIn(f"Reached {since['local']}.", self.text('status-detail'))
                 status = self.driver.find_element(By.ID, 'status')
                 self.assertIn(f'st-{state}', status.get_attribute('class'))
                 self.assertEqual(status.value_of_css_property('background-color').replace('rgba', 'rgb')

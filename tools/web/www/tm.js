@@ -63,6 +63,8 @@
       : L.type === 'none' ? 'No limit is set.'
       : 'Limit: ' + L.limit + (L.unit === 'MB' ? ' MB' : ' hours') + ' a month (' + L.type + ')'
         + (L.warning !== null ? ', warning at ' + L.warning + (L.unit === 'MB' ? ' MB' : ' hours') : '') + '.';
+    var since = state === 'warn' ? s.warningTime : (state === 'limit' || state === 'down') ? s.limitedTime : null;
+    if (since) detail += ' Reached ' + since.local + '.';
     text('status-detail', detail);
 
     document.body.className = 'st-' + state;
