@@ -469,8 +469,9 @@ class PageTest(unittest.TestCase):
                 self.wait_refreshes()
                 self.assertEqual(self.text('status-words'), s['status']['words'])
                 if state != 'ok':
-                    since = s['warningTime' if state == 'warn' else 'limitedTime']
-                    self.assertIn(f"Reached {since['local']}.", self.text('status-detail'))
+                    since = s['warningTime' if state == 'warn' else 'limitedTime']['local']
+                    words = 'Warning' if state == 'warn' else 'Limit reached'
+                    self.assertIn(f'{words} since {since}.', self.text('status-detail'))
                 status = self.driver.find_element(By.ID, 'status')
                 self.assertIn(f'st-{state}', status.get_attribute('class'))
                 self.assertEqual(status.value_of_css_property('background-color').replace('rgba', 'rgb')

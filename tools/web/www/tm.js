@@ -64,7 +64,7 @@
       : 'Limit: ' + L.limit + (L.unit === 'MB' ? ' MB' : ' hours') + ' a month (' + L.type + ')'
         + (L.warning !== null ? ', warning at ' + L.warning + (L.unit === 'MB' ? ' MB' : ' hours') : '') + '.';
     var since = state === 'warn' ? s.warningTime : (state === 'limit' || state === 'down') ? s.limitedTime : null;
-    if (since) detail += ' Reached ' + since.local + '.';
+    if (since) detail += (state === 'warn' ? ' Warning' : ' Limit reached') + ' since ' + since.local + '.';
     text('status-detail', detail);
 
     document.body.className = 'st-' + state;
