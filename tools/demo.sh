@@ -10,7 +10,7 @@ out=${KVARD_BUILD_DIR:-$top/build}
 bash "$top/tools/install-deps.sh"
 echo "building kvard, tmctl and the box in $out/demo ..."
 cmake -S "$top" -B "$out/demo" -G Ninja -DKVARD_BENCH=OFF >/dev/null
-cmake --build "$out/demo" -j"$(nproc)" --target kvard kvard-sandbox sandbox-helper tmctl mtdsim manpages >/dev/null
+cmake --build "$out/demo" -j"$(nproc)" --target kvard kvard-sandbox sandbox-helper tmctl tm.cgi mtdsim manpages >/dev/null
 prefix=$out/demo/stage
 cmake --install "$out/demo" --prefix "$prefix" >/dev/null
 box=$prefix/bin/kvard-sandbox
@@ -110,12 +110,24 @@ echo "Commands the daemon ran:"
 sed 's/^/  /' "$state/sandbox/stubs.log"
 "$box" exec "$state" -- tmctl mdm get MDMOID_ORNA_TRAFFIC_METER_STATISTICS | grep -E '^(thismonth|lastmonth)_(download|upload|total)='
 
+say "The Traffic Meter page: lighttpd with the page and its CGI, inside the box, for the host's browser"
+url=$("$box" web "$state")
+echo "Open $url in a browser on this machine: the figures, the last 31 days, the settings and the reset."
+echo "What the page reads from the CGI ($url""cgi-bin/tm.cgi/stats):"
+python3 - "$url" <<'PY'
+import json, sys, urllib.request
+s = json.load(urllib.request.urlopen(sys.argv[1] + "cgi-bin/tm.cgi/stats", timeout=10))
+m = s["periods"]["thismonth"]
+print("  status: %s; this month %.2f MB down, %.2f MB up; counting from %s, next reset %s"
+      % (s["status"]["words"], m["download"], m["upload"], s["start"]["local"], s["nextReset"]["local"]))
+PY
+
 cat <<MSG
 
-kvard keeps running in the box. Try:
+kvard keeps running in the box, and the page is at $url. Try:
   $box exec $state -- tmctl send TM_MSG_DUMP_STATE_LISTS
   $box netdev $state eth0.1 9000000 800000     # move the WAN counters
   $box time $state "2026-03-29 00:05:00"       # move the clock
   cat $state/stdout                 # the daemon's output
-  $box stop $state                              # stop it
+  $box stop $state                              # stop it, and the page's server with it
 MSG
