@@ -52,17 +52,17 @@ std::optional<uint16_t> controlPort()
     return static_cast<uint16_t>(v);
 }
 
-// The "tm" partition: KVARD_WEB_FLASH, or the MTD device /proc/mtd names "tm".
+// The "tm" partition: KVARD_WEB_FLASH, or the device of the first line of
+// /proc/mtd that holds "tm" in quotes, the one kvard takes
+// (mtd3: 00400000 00020000 "tm" is /dev/mtd3).
 std::optional<std::string> flashPath()
 {
     std::string given = env("KVARD_WEB_FLASH");
     if (!given.empty()) return given;
     std::ifstream mtd("/proc/mtd");
     for (std::string line; std::getline(mtd, line);) {
-        // mtd3: 00400000 00020000 "tm"
         size_t colon = line.find(':');
-        if (line.rfind("mtd", 0) == 0 && colon != std::string::npos && line.size() >= 5 &&
-            line.compare(line.size() - 5, 5, " \"tm\"") == 0)
+        if (line.find("\"tm\"") != std::string::npos && colon != std::string::npos && colon > 0)
             return "/dev/" + line.substr(0, colon);
     }
     return std::nullopt;
