@@ -302,9 +302,11 @@
         result('form-result', d.message || 'Nothing was saved.', 'bad');
         return;
       }
-      result('form-result', 'Not saved: ' + (d.error || d.message || 'HTTP ' + r.status), 'bad');
+      // A refusal (4xx) writes nothing; after any other answer the page cannot tell.
+      result('form-result', (r.status < 500 ? 'Not saved: ' : 'Not confirmed: ')
+        + (d.error || d.message || 'HTTP ' + r.status), 'bad');
     }).catch(function (e) {
-      result('form-result', 'Not saved: the router did not answer (' + (e.message || e) + ').', 'bad');
+      result('form-result', 'Not confirmed: the router did not answer (' + (e.message || e) + ').', 'bad');
     }).then(function () { $('save').disabled = false; });
   });
 
@@ -327,11 +329,14 @@
     result('reset-result', 'Resetting\u2026');
     call('POST', '/reset').then(function (r) {
       var d = r.doc;
-      if (r.status === 200 && d.ok) result('reset-result', 'The counters are reset. ' + (d.message || ''));
-      else result('reset-result', 'Not reset: ' + (d.error || d.message || 'HTTP ' + r.status), 'bad');
+      var why = d.error || d.message || 'HTTP ' + r.status;
+      // kvard acts on a request it has not answered yet once it runs again, so a
+      // missing answer is no proof that nothing was reset; only a refusal is.
+      if (r.status === 200 && d.ok) result('reset-result', 'Reset done: ' + why);
+      else result('reset-result', (r.status >= 400 && r.status < 500 ? 'Reset refused: ' : 'Reset not confirmed: ') + why, 'bad');
       return refresh();
     }).catch(function (e) {
-      result('reset-result', 'Not reset: the router did not answer (' + (e.message || e) + ').', 'bad');
+      result('reset-result', 'Reset not confirmed: the router did not answer (' + (e.message || e) + ').', 'bad');
     });
   });
 
