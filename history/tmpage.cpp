@@ -7,6 +7,14 @@
 #define TM_CRC_POLY 0x04C11DB7u
 
 static uint32_t crcTable[256];
+static uint8_t reversedByte[256];   // each byte with its bits in reverse order
+
+static uint8_t TmReverse8(uint8_t b)
+{
+    uint8_t r = 0;
+    for (int i = 0; i < 8; i++) r = (uint8_t)((r << 1) | ((b >> i) & 1));
+    return r;
+}
 
 // Most-significant-bit-first table; the reflection of the standard CRC is done
 // on each input byte and on the result instead.
@@ -16,14 +24,8 @@ void TmCrcInit(void)
         uint32_t value = i << 24;
         for (int step = 0; step < 8; step++) value = (value & 0x80000000u) ? (value << 1) ^ TM_CRC_POLY : value << 1;
         crcTable[i] = value;
+        reversedByte[i] = TmReverse8((uint8_t)i);
     }
-}
-
-static uint8_t TmReverse8(uint8_t b)
-{
-    uint8_t r = 0;
-    for (int i = 0; i < 8; i++) r = (uint8_t)((r << 1) | ((b >> i) & 1));
-    return r;
 }
 
 static uint32_t TmReverse32(uint32_t v)
@@ -36,7 +38,7 @@ static uint32_t TmReverse32(uint32_t v)
 uint32_t TmCrc32(const uint8_t *data, uint32_t length)
 {
     uint32_t crc = 0xFFFFFFFFu;
-    for (uint32_t i = 0; i < length; i++) crc = crcTable[(TmReverse8(data[i]) ^ (crc >> 24)) & 0xFF] ^ (crc << 8);
+    for (uint32_t i = 0; i < length; i++) crc = crcTable[(reversedByte[data[i]] ^ (crc >> 24)) & 0xFF] ^ (crc << 8);
     return ~TmReverse32(crc);
 }
 

@@ -220,7 +220,6 @@ int MtdsimConfigRead(MtdsimConfig *cfg)
 
 const MtdsimConfig *MtdsimConfigCurrent(uint64_t *generation)
 {
-    Refresh();
     if (state.have) {
         *generation = state.generation;
         return state.current;

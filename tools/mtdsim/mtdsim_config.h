@@ -40,8 +40,10 @@ int MtdsimConfigMatches(const char *path);
  * line on stderr that names the variable and its value. */
 int MtdsimConfigRead(MtdsimConfig *cfg);
 
-/* The configuration of the current environment, read and checked anew only
- * when the environment changed since the last call; null when it is invalid,
+/* The configuration of the current environment, for an open that
+ * MtdsimConfigMatches has just found to be of the device (it looked at the
+ * environment; this does not again). Read and checked anew only when the
+ * environment changed since the configuration was last read; null when it is invalid,
  * after one line on stderr (at every call while it stays invalid).
  * *generation changes exactly when the configuration differs from the last
  * valid one: the first valid one is 1. */
