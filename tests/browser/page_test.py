@@ -100,6 +100,7 @@ class PageTest(unittest.TestCase):
             cls.start_box()
             cls.start_browser()
         except BaseException:
+            cls.failed = True
             cls.tearDownClass()
             raise
 
