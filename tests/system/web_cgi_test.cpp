@@ -66,10 +66,10 @@ std::string FakeClock(const Sandbox &box)
 }
 
 // `env -i VARS... PROGRAM ARGS` in the box's network namespace and clock, stdin from IN; stdout, stderr, status.
-CommandResult InBox(const Sandbox &box, const std::string &vars, const std::string &program, const std::string &in,
+CommandResult InBox(Sandbox &box, const std::string &vars, const std::string &program, const std::string &in,
                     std::string *err)
 {
-    const_cast<Sandbox &>(box).WriteFile("web.in", in);
+    box.WriteFile("web.in", in);
     std::string line = "env -i PATH=\"$PATH\" KVARD_MDM_DIR=\"$KVARD_MDM_DIR\" " + FakeClock(box) + " " + vars + " " +
                        program + " <" + Quoted(box.Path("web.in")) + " >" + Quoted(box.Path("web.out")) + " 2>" +
                        Quoted(box.Path("web.err"));
@@ -78,7 +78,7 @@ CommandResult InBox(const Sandbox &box, const std::string &vars, const std::stri
     return {r.status, box.ReadFile("web.out").value_or("") + r.out};
 }
 
-Reply Cgi(const Sandbox &box, const Request &q)
+Reply Cgi(Sandbox &box, const Request &q)
 {
     std::map<std::string, std::string> env = {{"REQUEST_METHOD", q.method},
                                               {"PATH_INFO", q.path},
@@ -116,7 +116,7 @@ Reply Cgi(const Sandbox &box, const Request &q)
     return r;
 }
 
-std::string Tmctl(const Sandbox &box, const std::string &args)
+std::string Tmctl(Sandbox &box, const std::string &args)
 {
     std::string err;
     CommandResult r = InBox(box, "", "tmctl " + args, "", &err);
