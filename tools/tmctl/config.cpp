@@ -734,10 +734,13 @@ void notify(const ConfigSetOptions &o, bool resetMoved, ConfigSetResult *r)
     r->notified = true;
     r->status = kExitNotApplied;
     if (ex.outcome == Exchange::kRefused || ex.outcome == Exchange::kNoReply) {
+        // Nothing listening means no kvard; a late reply may only mean a busy
+        // one, which still reads the datagram and takes the settings then.
         r->message = "saved; kvard did not answer (" +
                      (ex.outcome == Exchange::kRefused ? std::string("nothing listens")
                                                        : "no reply within " + std::to_string(o.timeoutMs) + " ms") +
-                     " on 127.0.0.1:" + std::to_string(o.port) + "): it reads the settings when it starts";
+                     " on 127.0.0.1:" + std::to_string(o.port) + "): it reads the settings when it starts" +
+                     (ex.outcome == Exchange::kNoReply ? ", or when it gets to the datagram" : "");
         return;
     }
     if (ex.outcome != Exchange::kReply || ex.reply.size() != 4) {

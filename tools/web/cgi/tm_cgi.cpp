@@ -182,20 +182,26 @@ Response reset(const std::string &body, uint16_t port)
     if (ex.outcome == tmctl::Exchange::kReply && ex.reply.size() == 4) {
         int32_t word = tmctl::replyWord(ex.reply.data());
         r.body = {{"ok", word == 1}, {"reply", word}};
-        r.body["message"] = word == 1 ? "kvard reset the counters: the period starts again now"
-                            : word == 0 ? "kvard answered 0: the reset failed, a page of the flash could not be "
-                                          "rewritten (see its output)"
-                                        : "kvard answered " + std::to_string(word) + " to the reset";
+        r.body["message"] =
+            word == 1   ? "kvard reset the counters: this month counts again from now, the period and its reset day stay"
+            : word == 0 ? "kvard reset the counters, but a page of the flash could not be rewritten: after a restart "
+                          "part of this month's traffic may come back (see kvard's output)"
+                        : "kvard answered " + std::to_string(word) + " to the reset";
         return r;
     }
-    std::string why = ex.outcome == tmctl::Exchange::kRefused ? "nothing listens on " + where + " (is kvard running?)"
+    // Nothing listening: no kvard, no reset. No reply in time: a busy kvard
+    // may still do it when it gets to the datagram.
+    std::string why = ex.outcome == tmctl::Exchange::kRefused
+                          ? "not reset: nothing listens on " + where + " (is kvard running?)"
                       : ex.outcome == tmctl::Exchange::kNoReply
-                          ? "no reply from " + where + " within " + std::to_string(kReplyTimeoutMs) + " ms"
+                          ? "not confirmed: no reply from " + where + " within " + std::to_string(kReplyTimeoutMs) +
+                                " ms; kvard may still reset the counters when it gets to the request"
                       : ex.outcome == tmctl::Exchange::kReply
-                          ? "a reply of " + std::to_string(ex.reply.size()) + " bytes from " + where + ", not 4"
-                          : "cannot talk to " + where + ": " + ex.error;
+                          ? "not confirmed: a reply of " + std::to_string(ex.reply.size()) + " bytes from " + where +
+                                ", not 4"
+                          : "not reset: cannot talk to " + where + ": " + ex.error;
     r.status = 503;
-    r.body = {{"ok", false}, {"reply", nullptr}, {"message", "not reset: " + why}};
+    r.body = {{"ok", false}, {"reply", nullptr}, {"message", why}};
     return r;
 }
 
