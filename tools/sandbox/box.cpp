@@ -232,12 +232,7 @@ bool PortBound(pid_t pid, int port) {
 }
 
 std::optional<PidRecord> ReadPidRecord(const Instance &instance, const char *name) {
-    std::optional<std::string> text;
-    try {
-        text = ReadFile(instance.RunFile(name));
-    } catch (const Error &) {
-        return std::nullopt;
-    }
+    std::optional<std::string> text = ReadFileIfReadable(instance.RunFile(name));
     if (!text) return std::nullopt;
     return ParsePidRecord(*text);
 }

@@ -22,6 +22,14 @@ std::string ErrnoText(std::string_view operation, std::string_view path) {
     return text;
 }
 
+std::optional<std::string> ReadFileIfReadable(const std::string &path) {
+    try {
+        return ReadFile(path);
+    } catch (const Error &) {
+        return std::nullopt;
+    }
+}
+
 std::optional<std::string> ReadFile(const std::string &path) {
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {

@@ -23,6 +23,8 @@ std::string ErrnoText(std::string_view operation, std::string_view path);
 
 // The whole file; nullopt when it does not exist; throws on any other failure.
 std::optional<std::string> ReadFile(const std::string &path);
+// The same, with nullopt for any failure: for records that may be gone or half there.
+std::optional<std::string> ReadFileIfReadable(const std::string &path);
 
 // Writes a temporary file beside PATH and renames it over PATH, so readers
 // see the old or the new content, never a mix. Throws on failure.

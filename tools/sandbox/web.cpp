@@ -102,12 +102,7 @@ std::string Url(const std::string &address, int port) {
 
 // The server's record, when it still runs.
 std::optional<std::pair<std::string, PidRecord>> RunningServer(const Instance &instance) {
-    std::optional<std::string> text;
-    try {
-        text = ReadFile(instance.RunFile(kRunWeb));
-    } catch (const Error &) {
-        return std::nullopt;
-    }
+    std::optional<std::string> text = ReadFileIfReadable(instance.RunFile(kRunWeb));
     if (!text) return std::nullopt;
     auto settings = ParseSettings(*text);
     auto record = ParsePidRecord(settings["pid"]);
