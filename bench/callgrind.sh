@@ -124,7 +124,8 @@ for kind in wake minute start; do
 done
 
 # vnstatd, when installed: one pass of its loop (it polls the interfaces and
-# sleeps 2 s) as kvard's wake above: the difference of a short and a long run
+# sleeps 2 s; its database is saved only at the end of each run) as kvard's wake
+# above: the difference of a short and a long run
 # over the difference of their pauses, and the system calls between two pauses.
 vnstat_row=""
 if command -v vnstatd >/dev/null && [[ -z ${KVARD_BENCH_NO_VNSTAT:-} ]]; then
@@ -135,7 +136,7 @@ if command -v vnstatd >/dev/null && [[ -z ${KVARD_BENCH_NO_VNSTAT:-} ]]; then
         local period=$1
         shift
         rm -rf "$vn/db" && mkdir -p "$vn/db"
-        printf 'DatabaseDir "%s"\nUpdateInterval 2\nPollInterval 2\nSaveInterval 1\nUseLogging 0\n' \
+        printf 'DatabaseDir "%s"\nUpdateInterval 2\nPollInterval 2\nSaveInterval 60\nUseLogging 0\n' \
             "$vn/db" >"$vn/vnstat.conf"
         "$@" vnstatd -n --config "$vn/vnstat.conf" >/dev/null 2>&1 &
         local pid=$! daemon

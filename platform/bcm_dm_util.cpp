@@ -369,21 +369,23 @@ int bcm_dm_WriteStatistic(void)
     TmReplaceField(&o->current_data_time, TmTextAsctime(text, s.current_data_time));
     TmReplaceField(&o->volume_left, TmTextRemainder(text, s.volume_left, s.timeLimit));
     // Whole days since the period's start; a manual reset does not move it.
-    snprintf(text, sizeof text, "%lu", (unsigned long)(uint32_t)(TmWrapSub(s.current_data_time, s.start_data_time) / 86400));
-    TmReplaceField(&o->passedDay, text);
-    snprintf(text, sizeof text, "%llu", (unsigned long long)TmPeriodDays(s));
-    TmReplaceField(&o->periodDay, text);
+    TmReplaceField(&o->passedDay,
+                   TmTextUnsigned(text, (uint32_t)(TmWrapSub(s.current_data_time, s.start_data_time) / 86400)));
+    TmReplaceField(&o->periodDay, TmTextUnsigned(text, (unsigned long long)TmPeriodDays(s)));
     if (s.timeLimit == 0) {
-        snprintf(text, sizeof text, "%llu", (unsigned long long)(s.dataUsed / 1000000));
-        TmReplaceField(&o->dataUsed, text);
-        snprintf(text, sizeof text, "%llu", (unsigned long long)(s.dataLimited / 1000000));
-        TmReplaceField(&o->dataLimited, text);
+        TmReplaceField(&o->dataUsed, TmTextUnsigned(text, (unsigned long long)(s.dataUsed / 1000000)));
+        TmReplaceField(&o->dataLimited, TmTextUnsigned(text, (unsigned long long)(s.dataLimited / 1000000)));
     } else {
-        snprintf(text, sizeof text, "%llu:%2.2llu", (unsigned long long)(s.dataUsed / 3600),
-                 (unsigned long long)(s.dataUsed % 3600 / 60));
+        // "%llu:%2.2llu": hours, then the minutes in two digits
+        char *end = TmTextUnsigned(text, (unsigned long long)(s.dataUsed / 3600));
+        end += strlen(end);
+        unsigned minutes = (unsigned)((unsigned long long)s.dataUsed % 3600 / 60);
+        end[0] = ':';
+        end[1] = (char)('0' + minutes / 10);
+        end[2] = (char)('0' + minutes % 10);
+        end[3] = '\0';
         TmReplaceField(&o->connTimeUsed, text);
-        snprintf(text, sizeof text, "%llu", (unsigned long long)(s.dataLimited / 3600));
-        TmReplaceField(&o->connTimeLimited, text);
+        TmReplaceField(&o->connTimeLimited, TmTextUnsigned(text, (unsigned long long)(s.dataLimited / 3600)));
     }
     if (debugFlag) {
         printf("tfmtCfgStat->limitedTime %s ", TmPrintable(o->limitedTime));

@@ -69,37 +69,74 @@ char *TmTextAverage(char *buffer, uint64_t bytes, int64_t elapsed)
     return TmTextHundredths(buffer, value);
 }
 
+char *TmTextUnsigned(char *buffer, uint64_t value)
+{
+    *TmPutDigits(buffer, value, 1) = '\0';
+    return buffer;
+}
+
 char *TmTextAsctime(char *buffer, int32_t time)
 {
+    static const char days[] = "SunMonTueWedThuFriSat", months[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
     memset(buffer, 0, TM_TEXT_SIZE);
     time_t t = time;
     struct tm local;
-    if (localtime_r(&t, &local)) {
+    if (!localtime_r(&t, &local)) return buffer;
+    // asctime's "%.3s %.3s%3d %.2d:%.2d:%.2d %d\n" written directly for the
+    // years a 32-bit time reaches; anything else goes to asctime_r itself.
+    if (local.tm_year < 1000 - 1900 || local.tm_year > 9999 - 1900 || local.tm_wday < 0 || local.tm_wday > 6 ||
+        local.tm_mon < 0 || local.tm_mon > 11 || local.tm_mday < 1 || local.tm_mday > 31 || local.tm_hour < 0 ||
+        local.tm_hour > 99 || local.tm_min < 0 || local.tm_min > 99 || local.tm_sec < 0 || local.tm_sec > 99) {
         char text[26];  // asctime's fixed form: 24 characters, the line end, the NUL
         if (asctime_r(&local, text)) memcpy(buffer, text, sizeof text);
+        return buffer;
     }
+    memcpy(buffer, days + 3 * local.tm_wday, 3);
+    buffer[3] = ' ';
+    memcpy(buffer + 4, months + 3 * local.tm_mon, 3);
+    char *p = buffer + 7;
+    *p++ = ' ';
+    *p++ = local.tm_mday < 10 ? ' ' : (char)('0' + local.tm_mday / 10);
+    *p++ = (char)('0' + local.tm_mday % 10);
+    *p++ = ' ';
+    p = TmPutDigits(p, (uint64_t)local.tm_hour, 2);
+    *p++ = ':';
+    p = TmPutDigits(p, (uint64_t)local.tm_min, 2);
+    *p++ = ':';
+    p = TmPutDigits(p, (uint64_t)local.tm_sec, 2);
+    *p++ = ' ';
+    p = TmPutDigits(p, (uint64_t)(local.tm_year + 1900), 1);
+    *p++ = '\n';
+    *p = '\0';
     return buffer;
 }
 
 char *TmTextRemainder(char *buffer, uint64_t left, uint32_t timeLimit)
 {
-    if (timeLimit) {
-        snprintf(buffer, TM_TEXT_SIZE, "%llu:%llu", (unsigned long long)(left / 3600),
-                 (unsigned long long)(left % 3600 / 60));
+    char *o = buffer;
+    if (timeLimit) {   // "%llu:%llu"
+        o = TmPutDigits(o, left / 3600, 1);
+        *o++ = ':';
+        o = TmPutDigits(o, left % 3600 / 60, 1);
+        *o = '\0';
         return buffer;
     }
-    // Powers of 1024 here, unlike the megabyte texts.
-    char part[TM_TEXT_SIZE];
-    buffer[0] = '\0';
+    // Powers of 1024 here, unlike the megabyte texts: " %llu G %llu M %llu K ",
+    // "%llu M %llu K " or "%llu K ", at most 29 characters.
     uint64_t giga = left >> 30;
     if (giga != 0) {
-        snprintf(buffer, TM_TEXT_SIZE, " %llu G ", (unsigned long long)giga);
-        snprintf(part, sizeof part, "%llu M ", (unsigned long long)((left >> 20) & 1023));
-        strncat(buffer, part, TM_TEXT_SIZE - strlen(buffer) - 1);
+        *o++ = ' ';
+        o = TmPutDigits(o, giga, 1);
+        memcpy(o, " G ", 3);
+        o = TmPutDigits(o + 3, (left >> 20) & 1023, 1);
+        memcpy(o, " M ", 3);
+        o += 3;
     } else if ((left >> 20) != 0) {
-        snprintf(buffer, TM_TEXT_SIZE, "%llu M ", (unsigned long long)(left >> 20));
+        o = TmPutDigits(o, left >> 20, 1);
+        memcpy(o, " M ", 3);
+        o += 3;
     }
-    snprintf(part, sizeof part, "%llu K ", (unsigned long long)((left >> 10) & 1023));
-    strncat(buffer, part, TM_TEXT_SIZE - strlen(buffer) - 1);
+    o = TmPutDigits(o, (left >> 10) & 1023, 1);
+    memcpy(o, " K ", 4);
     return buffer;
 }

@@ -15,6 +15,8 @@ char *TmTextMegabytes(char *buffer, uint64_t bytes);
 char *TmTextAverage(char *buffer, uint64_t bytes, int64_t elapsed);
 // asctime of the local time, line end included; empty when the time has no local form.
 char *TmTextAsctime(char *buffer, int32_t time);
+// "%llu" of value.
+char *TmTextUnsigned(char *buffer, uint64_t value);
 // What is left of the limit: "h:m" of seconds for a time limit, else " G M K " parts in powers of 1024.
 char *TmTextRemainder(char *buffer, uint64_t left, uint32_t timeLimit);
 

@@ -397,9 +397,10 @@ TEST(Text, the_published_forms)
     EXPECT_STREQ(TmTextRemainder(b, 3 * 3600 + 5 * 60 + 59, 1), "3:5");
 }
 
-// The hundredths and durations are written without printf; printf is the
-// reference, over counts of every size, exact halves (ties go to even) and
-// negative durations.
+// The hundredths, durations, asctime texts, remainders and counts are written
+// without printf; the library is the reference, over counts of every size,
+// exact halves (ties go to even), times on both sides of a summer-time change
+// and of 1970, and negative durations.
 TEST(Text, hundredths_and_durations_as_printf_writes_them)
 {
     std::mt19937_64 rng(4242);
@@ -421,6 +422,49 @@ TEST(Text, hundredths_and_durations_as_printf_writes_them)
         avg = avg / 1000000.0f;
         snprintf(want, sizeof want, "%.2f", (double)avg);
         ASSERT_STREQ(TmTextAverage(got, bytes, elapsed), want) << bytes << " over " << elapsed;
+    }
+    // asctime of the local time in a zone with summer time, and the remainders, against the library.
+    const char *oldZone = getenv("TZ");
+    const std::string restore = oldZone != nullptr ? oldZone : "";
+    Zone("CET-1CEST,M3.5.0,M10.5.0/3");
+    std::vector<int32_t> times = {0, -1, INT32_MAX, INT32_MIN, 1711846799, 1711846800, 1729990800, 951782400};
+    for (int i = 0; i < 20000; i++) times.push_back((int32_t)rng());
+    for (int32_t t : times) {
+        time_t tt = t;
+        struct tm local;
+        char text[26] = {};
+        memset(want, 0, sizeof want);
+        if (localtime_r(&tt, &local) && asctime_r(&local, text)) memcpy(want, text, sizeof text);
+        TmTextAsctime(got, t);
+        ASSERT_EQ(memcmp(got, want, sizeof got), 0) << t << ": " << got << " / " << want;
+    }
+    if (oldZone != nullptr) Zone(restore.c_str());
+    else {
+        unsetenv("TZ");
+        tzset();
+    }
+    for (uint64_t left : counts) {
+        for (uint32_t timeLimit : {0u, 1u}) {
+            if (timeLimit) {
+                snprintf(want, sizeof want, "%llu:%llu", (unsigned long long)(left / 3600),
+                         (unsigned long long)(left % 3600 / 60));
+            } else {
+                char part[TM_TEXT_SIZE];
+                want[0] = '\0';
+                if (left >> 30) {
+                    snprintf(want, sizeof want, " %llu G ", (unsigned long long)(left >> 30));
+                    snprintf(part, sizeof part, "%llu M ", (unsigned long long)((left >> 20) & 1023));
+                    strncat(want, part, sizeof want - strlen(want) - 1);
+                } else if (left >> 20) {
+                    snprintf(want, sizeof want, "%llu M ", (unsigned long long)(left >> 20));
+                }
+                snprintf(part, sizeof part, "%llu K ", (unsigned long long)((left >> 10) & 1023));
+                strncat(want, part, sizeof want - strlen(want) - 1);
+            }
+            ASSERT_STREQ(TmTextRemainder(got, left, timeLimit), want) << left << " " << timeLimit;
+        }
+        snprintf(want, sizeof want, "%llu", (unsigned long long)left);
+        ASSERT_STREQ(TmTextUnsigned(got, left), want);
     }
     for (int32_t seconds : {0, 59, 60, 3599, 3600, 360300, -1, -3600, -86399, INT32_MAX, INT32_MIN}) {
         snprintf(want, sizeof want, "%2.2lu:%2.2lu", (unsigned long)(uint32_t)(seconds / 3600),
