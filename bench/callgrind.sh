@@ -152,7 +152,7 @@ if command -v vnstatd >/dev/null && [[ -z ${KVARD_BENCH_NO_VNSTAT:-} ]]; then
     read -r s2 _ < <(python3 "$sum" ir "$vn/long.out")
     p1=$(python3 "$sum" calls "$vn/short.out" vnstatd sleep)
     p2=$(python3 "$sum" calls "$vn/long.out" vnstatd sleep)
-    vnstat_row=$(printf '| vnstatd %s, one poll | %d | %d | |' "$(vnstatd --version | awk '{print $2}')" \
+    vnstat_row=$(printf '| vnstatd %s, one poll | %d | %d | |' "$(vnstatd --version | awk '{print $3}')" \
         $(((s2 - s1) / (p2 > p1 ? p2 - p1 : 1))) "$(python3 "$sum" between "$vn/calls.log" clock_nanosleep)")
 fi
 
