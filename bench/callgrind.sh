@@ -8,7 +8,6 @@
 # calls (rebuild_bench). The fake clock the box preloads (libfaketime) is not
 # kvard: its instructions, and the calls it makes to read its clock file, are
 # shown apart and left out of kvard's figures; the emulated NAND is counted.
-# When vnstat is installed, vnstatd's cost per poll is measured beside them.
 #
 # Builds BUILD (default build/host, or $KVARD_BUILD_DIR) and installs it into
 # BUILD/stage. KVARD_PREFIX names another installed tree for the box; then
@@ -123,39 +122,6 @@ for kind in wake minute start; do
     read -r _ sys[$kind] clocksys[$kind] names[$kind] < <(calls "$kind")
 done
 
-# vnstatd, when installed: one pass of its loop (it polls the interfaces and
-# sleeps 2 s; its database is saved only at the end of each run) as kvard's wake
-# above: the difference of a short and a long run
-# over the difference of their pauses, and the system calls between two pauses.
-vnstat_row=""
-if command -v vnstatd >/dev/null && [[ -z ${KVARD_BENCH_NO_VNSTAT:-} ]]; then
-    vn=$work/vnstat
-    mkdir -p "$vn"
-    # SECONDS of vnstatd under TOOL..., on a database of its own; SIGINT ends it.
-    vnstat_run() {
-        local period=$1
-        shift
-        rm -rf "$vn/db" && mkdir -p "$vn/db"
-        printf 'DatabaseDir "%s"\nUpdateInterval 2\nPollInterval 2\nSaveInterval 60\nUseLogging 0\n' \
-            "$vn/db" >"$vn/vnstat.conf"
-        "$@" vnstatd -n --config "$vn/vnstat.conf" >/dev/null 2>&1 &
-        local pid=$! daemon
-        sleep "$period"
-        daemon=$(pgrep -P "$pid" vnstatd || echo "$pid")   # under strace the daemon is its child
-        kill -INT "$daemon" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    }
-    vnstat_run 12 valgrind --tool=callgrind "--callgrind-out-file=$vn/short.out"
-    vnstat_run 32 valgrind --tool=callgrind "--callgrind-out-file=$vn/long.out"
-    vnstat_run 15 strace -o "$vn/calls.log"
-    read -r s1 _ < <(python3 "$sum" ir "$vn/short.out")
-    read -r s2 _ < <(python3 "$sum" ir "$vn/long.out")
-    p1=$(python3 "$sum" calls "$vn/short.out" vnstatd sleep)
-    p2=$(python3 "$sum" calls "$vn/long.out" vnstatd sleep)
-    vnstat_row=$(printf '| vnstatd %s, one poll | %d | %d | |' "$(vnstatd --version | awk '{print $3}')" \
-        $(((s2 - s1) / (p2 > p1 ? p2 - p1 : 1))) "$(python3 "$sum" between "$vn/calls.log" clock_nanosleep)")
-fi
-
 # The rebuild of full rings (a zone change answered after it) against the bare
 # loop, in wall time and in CPU time (the daemon's, the loop's own): the least
 # of five repetitions of each, the one the machine's other work disturbed least.
@@ -186,7 +152,6 @@ printf '| minute close (emulated NAND included) | %d | %d | %d, %d |\n' "${ir[mi
     "${clockir[minute]}" "${clocksys[minute]}"
 printf '| start on full rings, to the first wait | %d | %d | %d, %d |\n' "${ir[start]}" "${sys[start]}" \
     "${clockir[start]}" "${clocksys[start]}"
-[[ -n $vnstat_row ]] && echo "$vnstat_row"
 echo
 printf 'rebuild of full rings: %s ms (CPU %s ms); bare loop of its kernel calls: %s ms (CPU %s ms); ratio %s (CPU %s)\n' \
     "$rebuild_ms" "$rebuild_cpu" "$bare_ms" "$bare_cpu" "$ratio" "$cpu_ratio"

@@ -6,14 +6,6 @@
       self cost of every function summed, and of those in objects whose path
       contains EXCLUDE (the box's preloaded clock) on their own.
 
-  callgrind_sum.py calls FILE CALLER CALLEE
-      How many calls functions of the object whose path contains CALLER made
-      to functions whose name contains CALLEE.
-
-  callgrind_sum.py between FILE NAME
-      The median number of system calls in an strace log between two calls
-      of NAME (a daemon's pause between two polls), the first and last left out.
-
   callgrind_sum.py syscalls FILE CLOCK SKIP
       The system calls of a daemon's strace log between each datagram received
       (recvfrom) and its reply (sendto), or, with SKIP = -1, from the start to
@@ -74,45 +66,6 @@ def instructions(path, exclude):
     return total, excluded
 
 
-def calls_to(path, caller, callee):
-    objects, functions = {}, {}
-    current = target = ""
-    count = 0
-
-    with open(path, encoding="utf-8", errors="replace") as f:
-        for line in f:
-            line = line.rstrip("\n")
-            if line.startswith("ob="):
-                current = expand(objects, line[3:])
-            elif line.startswith("cob="):
-                expand(objects, line[4:])
-            elif line.startswith(("fn=", "cfn=")):
-                name = expand(functions, line.split("=", 1)[1])
-                if line.startswith("cfn="):
-                    target = name
-            elif line.startswith("calls="):
-                if caller in current and callee in target:
-                    count += int(line[6:].split()[0])
-    return count
-
-
-def between(path, name):
-    counts, n, started = [], 0, False
-    with open(path, encoding="utf-8", errors="replace") as f:
-        for line in f:
-            m = CALL.match(line)
-            if not m:
-                continue
-            if m.group(1) == name:
-                if started:
-                    counts.append(n)
-                started, n = True, 0
-            else:
-                n += 1
-    counts = counts[1:-1]
-    return statistics.median_low(counts) if counts else 0
-
-
 CALL = re.compile(r"^(?:\d+ +)?([a-z_0-9]+)\((.*)")
 
 
@@ -171,10 +124,6 @@ def main():
     if len(sys.argv) >= 3 and sys.argv[1] == "ir":
         total, excluded = instructions(sys.argv[2], sys.argv[3] if len(sys.argv) > 3 else "")
         print(total, excluded)
-    elif len(sys.argv) == 5 and sys.argv[1] == "calls":
-        print(calls_to(sys.argv[2], sys.argv[3], sys.argv[4]))
-    elif len(sys.argv) == 4 and sys.argv[1] == "between":
-        print(between(sys.argv[2], sys.argv[3]))
     elif len(sys.argv) == 5 and sys.argv[1] == "syscalls":
         syscalls(sys.argv[2], sys.argv[3], int(sys.argv[4]))
     else:
