@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -19,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iostream>
 #include <iterator>
 #include <optional>
@@ -283,26 +283,42 @@ public:
             close(fd_);
             throw BoxFailure("cannot address 127.0.0.1:22724 in the box: " + std::string(strerror(errno)));
         }
+        // A blocking receive with a timeout: one system call per reply, not a poll and a read.
+        const int ms = timeoutMs_ > 0 ? timeoutMs_ : 1;   // 0 would mean no limit at all
+        timeval limit = {ms / 1000, (ms % 1000) * 1000};
+        if (setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+            close(fd_);
+            throw BoxFailure("cannot set the reply timeout: " + std::string(strerror(errno)));
+        }
     }
     ~Control() { close(fd_); }
     Control(const Control &) = delete;
     Control &operator=(const Control &) = delete;
 
-    // Sends DATAGRAM and returns the reply word; WHAT names the datagram in errors.
-    int32_t Ask(const std::string &datagram, const std::string &what) {
+    // Sends DATAGRAM; WHAT names it in errors.
+    void Send(const std::string &datagram, const std::string &what) {
         ssize_t sent;
         while ((sent = send(fd_, datagram.data(), datagram.size(), 0)) < 0 && errno == EINTR) {
         }
         if (sent < 0) Fail(what, errno == ECONNREFUSED ? "kvard does not listen on 127.0.0.1:22724 in the box" : strerror(errno));
+    }
+
+    int32_t Ask(const std::string &datagram, const std::string &what) {
+        Send(datagram, what);
+        return Reply(what);
+    }
+
+    // The next reply word; WHAT names the datagram it answers. kvard answers
+    // in the order it was asked, one datagram after the other.
+    int32_t Reply(const std::string &what) {
         for (;;) {
-            pollfd pfd = {fd_, POLLIN, 0};
-            int ready = poll(&pfd, 1, timeoutMs_);
-            if (ready < 0 && errno == EINTR) continue;  // a stop request waits for the step's end
-            if (ready < 0) Fail(what, strerror(errno));
-            if (ready == 0) Fail(what, "no reply within " + FormatSeconds() + " s");
             unsigned char reply[64];
-            ssize_t n = recv(fd_, reply, sizeof reply, 0);
-            if (n < 0 && errno == EINTR) continue;
+            ssize_t n = recv(fd_, reply, sizeof reply, 0);   // blocks up to the receive timeout
+            if (n < 0 && errno == EINTR) continue;  // a stop request waits for the step's end
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                timedOut_ = true;
+                Fail(what, "no reply within " + FormatSeconds() + " s");
+            }
             // A refused send reports here: nobody listens on the port.
             if (n < 0 && errno == ECONNREFUSED) Fail(what, "kvard does not listen on 127.0.0.1:22724 in the box");
             if (n < 0) Fail(what, strerror(errno));
@@ -324,6 +340,12 @@ private:
 
     int fd_ = -1;
     int timeoutMs_;
+    bool timedOut_ = false;
+
+public:
+    // Whether a reply failed to come in time (kvard alive but not answering),
+    // rather than being refused.
+    bool TimedOut() const { return timedOut_; }
 };
 
 void Put(std::string &out, uint64_t value, int bytes) {
@@ -406,29 +428,63 @@ Outcome Drive(const Instance &instance, const std::string &program, const std::s
     sigaction(SIGTERM, &stop, &oldTerm);
     sigaction(SIGHUP, &stop, &oldHup);
     std::string failure;
+    struct Sent {
+        Point point;
+        int64_t number;     // 1-based, for messages
+        bool minute;        // a minute boundary (the last step may lie within a minute)
+    };
+    std::optional<Sent> lastSent;
+    int64_t sentMinutes = 0;
     try {
-        auto step = [&](const Point &point) {
-            auto what = [&](const char *datagram) {
-                return std::string(datagram) + " for " + FormatClock(point.time, zone) + " (step " +
-                       std::to_string(outcome.minutes + 1) + ")";
-            };
-            int32_t reply = control.Ask(SimInput(point), what("the simulated input"));
-            if (reply != 1) throw BoxFailure(what("the simulated input") + ": reply " + std::to_string(reply));
-            outcome.reached = point;
-            reply = control.Ask(Datagram(kMsgSimWake), what("the simulation wake"));
-            if (reply <= 0) throw BoxFailure(what("the simulation wake") + ": reply " + std::to_string(reply));
+        // Steps go out ahead of their replies, up to kInFlight minutes, so that
+        // the tool and kvard work side by side; kvard takes its datagrams in
+        // order and answers every simulated input with 1, so the replies come
+        // back in the order of the steps. A step counts as taken when both its
+        // replies are in; a stop waits for the replies of the steps sent.
+        constexpr size_t kInFlight = 8;
+        std::deque<Sent> inFlight;
+        int64_t sentSteps = 0;
+        auto what = [&](const Sent &s, const char *datagram) {
+            return std::string(datagram) + " for " + FormatClock(s.point.time, zone) + " (step " +
+                   std::to_string(s.number) + ")";
+        };
+        auto collect = [&] {
+            const Sent s = inFlight.front();
+            inFlight.pop_front();
+            int32_t reply = control.Reply(what(s, "the simulated input"));
+            if (reply != 1) throw BoxFailure(what(s, "the simulated input") + ": reply " + std::to_string(reply));
+            outcome.reached = s.point;
+            reply = control.Reply(what(s, "the simulation wake"));
+            if (reply <= 0) throw BoxFailure(what(s, "the simulation wake") + ": reply " + std::to_string(reply));
+            if (s.minute) ++outcome.minutes;
+        };
+        auto step = [&](const Point &point, bool minute) {
+            Sent s{point, ++sentSteps, minute};
+            control.Send(SimInput(point), what(s, "the simulated input"));
+            control.Send(Datagram(kMsgSimWake), what(s, "the simulation wake"));
+            inFlight.push_back(s);
+            lastSent = s;
+            if (minute) ++sentMinutes;
+            if (inFlight.size() >= kInFlight) collect();
         };
         for (size_t k = 1; k < knots.size() && !gStopSignal; ++k) {
             const Point &a = knots[k - 1], &b = knots[k];
-            for (int64_t m = (a.time / 60 + 1) * 60; m <= b.time && !gStopSignal; m += 60) {
-                step(Between(a, b, m));
-                ++outcome.minutes;
-            }
+            for (int64_t m = (a.time / 60 + 1) * 60; m <= b.time && !gStopSignal; m += 60) step(Between(a, b, m), true);
         }
         const Point &last = knots.back();
-        if (!gStopSignal && last.time % 60 != 0 && last.time > knots.front().time) step(last);
+        if (!gStopSignal && last.time % 60 != 0 && last.time > knots.front().time) step(last, false);
+        while (!inFlight.empty()) collect();
     } catch (const BoxFailure &e) {
         failure = e.what();
+        // A kvard that is alive but late (stopped, busy) still has the steps
+        // sent in its socket and takes them in order when it goes on: the box
+        // stands where the last of them leads, and the next run goes on from
+        // there, never sending kvard a minute it already took.
+        if (control.TimedOut() && lastSent) {
+            outcome.reached = lastSent->point;
+            outcome.minutes = sentMinutes;
+            failure += " (kvard takes the steps sent when it goes on)";
+        }
     }
     sigaction(SIGINT, &oldInt, nullptr);
     sigaction(SIGTERM, &oldTerm, nullptr);
